@@ -1,0 +1,25 @@
+// A host built only against the installed package.
+#include <information_api/information_api.h>
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+
+#include <cstdio>
+
+int main(int argc, char** argv)
+{
+    QCoreApplication app(argc, argv);
+    if (argc < 2 || !QDir::setCurrent(argv[1]))
+        return 2;
+    information_api::VeltraInfoMgr* manager = new information_api::windows_information_imp;
+    manager->setSoftwareName("consumer");
+    QString ple = "p.ple", version = "1", model = "m", modular = "";
+    manager->create_usage_inifo("", ple, version, model, modular, 0);
+    const QString path = static_cast<information_api::windows_information_imp*>(manager)->usageFilePath;
+    delete manager;
+    if (!QFile::exists(path))
+        return 1;
+    std::printf("\nusage record: %s\n", qPrintable(path));
+    return 0;
+}
