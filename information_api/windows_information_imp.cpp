@@ -4,6 +4,9 @@
 
 #include <QCoreApplication>
 #include <QDebug>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
 
@@ -16,10 +19,47 @@ namespace {
 const char* const kRecordPathPattern = "./veltrainfo/%1.info2";
 const char* const kUtcStampFormat = "yyyy-MM-ddThh:mm:ssZ";
 const char* const kUsageStemFormat = "yyyy-MM-ddThh-mm-ss";
+const char* const kUtcStemFormat = "yyyy-MM-ddThh-mm-ssZ";
+const char* const kUserRecordStemFormat = "yyyy-MM-ddThh-mm-ss";
+
+// The service hosts are deployment values, compiled in from the build's cache variables.
+const char* const kReleaseUploadUrl = "https://" INFORMATION_API_RELEASE_SERVICE_HOST "/dtta";
+const char* const kTestUploadUrl = "https://" INFORMATION_API_TEST_SERVICE_HOST "/dtta";
+const char* const kFileUploadUrl = "https://" INFORMATION_API_TEST_API_HOST "/up";
+const char* const kCdnBaseUrl = "https://" INFORMATION_API_CDN_HOST;
+const char* const kTestAppId = "3c9d0a7e51b24f68e0a7c2d9b4f6e183";
+const char* const kReleaseAppId = "a0f4c9e27d5b3816c4e9a7d2f05b68c1";
 
 QString utc_now_stamp()
 {
     return QDateTime::currentDateTimeUtc().toString(kUtcStampFormat);
+}
+
+QString utc_now_stem(const char* format)
+{
+    return QDateTime::currentDateTimeUtc().toString(format);
+}
+
+QString record_path(const QString& stem)
+{
+    return QString(kRecordPathPattern).arg(stem);
+}
+
+// Feedback and score records drop the variant between a profile's last "-" and its K300 name:
+// pro-2xK300.ple is recorded as pro-K300.ple.
+QString normalised_profile(const QString& ple)
+{
+    const int dash = ple.lastIndexOf('-');
+    const int match = ple.lastIndexOf("K300.ple", -1, Qt::CaseInsensitive);
+    if (match >= 1 && match - dash >= 2 && dash >= 1)
+        return ple.left(dash + 1) + ple.mid(match);
+    return ple;
+}
+
+// The record folder's *.info2 files, newest first; callers walk it backwards, oldest first.
+QFileInfoList list_record_files()
+{
+    return QDir("./veltrainfo/").entryInfoList(QStringList{"*.info2"}, QDir::Files, QDir::Time);
 }
 
 // Stores one record: "data" holds the indented JSON text as a byte array, "type" its kind.
@@ -151,7 +191,7 @@ void windows_information_imp::create_usage_inifo(const QString& start, QString& 
 
     create_usage_inner(start, usageRecord);
     // usageStart is fixed for the run, so every call rewrites the same file.
-    usageFilePath = QString(kRecordPathPattern).arg(usageStart.toString(kUsageStemFormat));
+    usageFilePath = record_path(usageStart.toString(kUsageStemFormat));
     write_record_file(usageFilePath, usageRecord, "usage");
 
     printf("\r\n create_usage_inifo=%s ", usageFilePath.toUtf8().constData());
@@ -209,29 +249,289 @@ bool windows_information_imp::get_os_name(QString&) { return true; }
 bool windows_information_imp::get_os_language(QString&) { return false; }
 bool windows_information_imp::get_gpu_info_vista(QStringList&, QStringList&) { return true; }
 
-// Record kinds, configuration and housekeeping that are not built yet: they do nothing.
-void windows_information_imp::add_scan_info(const _tag_scan_info&, int) {}
-void windows_information_imp::create_calibrate_inifo(QStringList&, QString&, QString&, QString&, QString&,
-                                                     QStringList&, QString&, QString&, QStringList&,
-                                                     QStringList&, QStringList&, QStringList&, int) {}
-void windows_information_imp::create_share_inifo(QString&, QString&, QString&, QString&, QString&, QString&,
-                                                 QString&, QString&, int) {}
-void windows_information_imp::create_scan_inifo(QString&, QString&, QString&, QString&, QString&, QString&,
-                                                QString&, QString&, QString&, QString&, QString&, QString&,
-                                                QString&, QString&, QString&, QString, int) {}
-QString windows_information_imp::add_user_score(const QString&, const QString&, const QString&, QString&,
-                                                QString&, const QString&, int) { return QString(); }
-QString windows_information_imp::create_userfeedback_info(QString&, QString&, QString&, QString&, QStringList&,
-                                                          int, QString&, QString&, QString&, QStringList&)
+void windows_information_imp::create_calibrate_inifo(QStringList& stepModulars, QString& softwareVer, QString& ple,
+                                                     QString& modelName, QString& modular, QStringList& modularPles,
+                                                     QString& startOn, QString& endOn, QStringList& stepClasses,
+                                                     QStringList& stepStarts, QStringList& stepEnds,
+                                                     QStringList& stepResults, int enableGuide)
 {
-    return QString();
+    this->enableGuide = enableGuide;
+    this->softwareVer = softwareVer;
+    this->ple = ple;
+    this->modelName = modelName;
+    this->modular = modular;
+    this->modularPles = modularPles;
+    LOG(INFO) << "modular=" << this->modular.toUtf8().constData() << "device_ex_ple.size=" << modularPles.size();
+    this->startOn = startOn;
+    this->endOn = endOn;
+
+    QJsonObject record;
+    create_usage_inner(QString(), record);
+    record["tracingType"] = "calibration";
+    // The category list decides the step count; shorter lists leave their fields empty.
+    QJsonArray steps;
+    for (int i = 0; i < stepClasses.size(); ++i) {
+        QJsonObject step;
+        step["classsify"] = stepClasses[i];
+        step["startOn"] = stepStarts.value(i);
+        step["endOn"] = stepEnds.value(i);
+        step["result"] = stepResults.value(i);
+        step["modular"] = stepModulars.value(i);
+        steps.append(step);
+    }
+    record["content"] = steps;
+    write_record_file(record_path(utc_now_stem(kUtcStemFormat)), record, "calibration");
 }
-void windows_information_imp::clear_timeout_file() {}
-int windows_information_imp::get_upload_files(QStringList& files) { return files.size(); }
-int windows_information_imp::get_reconnect_intval() { return 0; }
-void windows_information_imp::get_upload_config(int&, int&, QString&, QString&, QString&) {}
-int windows_information_imp::get_scan_info(const QString&, QString&, QString&) { return 0; }
-void windows_information_imp::get_domain_manger_url(QString&) {}
-void windows_information_imp::getUploadFileUrl(QString&) {}
+
+void windows_information_imp::create_share_inifo(QString& ple, QString& modelName, QString& modular,
+                                                 QString& startOn, QString& endOn, QString& target, QString& name,
+                                                 QString& account, int enableGuide)
+{
+    this->enableGuide = enableGuide;
+    this->ple = ple;
+    this->modelName = modelName;
+    this->modular = modular;
+    this->startOn = startOn;
+    this->endOn = endOn;
+
+    QJsonObject record;
+    create_usage_inner(QString(), record);
+    record["tracingType"] = "share";
+    QJsonObject content;
+    content["target"] = target;
+    content["name"] = name;
+    content["account"] = account;
+    record["content"] = content;
+    write_record_file(record_path(utc_now_stem(kUtcStemFormat)), record, "share");
+}
+
+void windows_information_imp::add_scan_info(const _tag_scan_info& info, int enableGuide)
+{
+    this->enableGuide = enableGuide;
+    startOn = info.startOn;
+    endOn = info.endOn;
+    ple = info.ple;
+    modelName = info.modelName;
+    modular = info.modular;
+    modularPles = info.modularPles;
+
+    LOG(INFO) << "add_scan_info" << " this->softwareVer = " << softwareVer.toUtf8().constData();
+    QJsonObject record;
+    create_usage_inner(QString(), record);
+    record["tracingType"] = "scan";
+
+    QJsonObject content;
+    QJsonArray modes;
+    for (const _tag_scan_mode& mode : info.modes) {
+        QJsonObject entry;
+        entry["startOn"] = mode.startOn;
+        entry["endOn"] = mode.endOn;
+        entry["classsify"] = mode.classsify;
+        entry["hdr"] = mode.hdr;
+        entry["turntableSteps"] = mode.turntableSteps;
+        entry["modular"] = mode.modular;
+        entry["alignMode"] = QJsonArray::fromStringList(mode.alignMode);
+        modes.append(entry);
+    }
+    if (!modes.isEmpty())
+        content["mode"] = modes;
+    content["texture"] = info.texture;
+    content["totalPoint"] = info.totalPoint.toInt();
+    content["pointDis"] = info.pointDis;
+    content["handHeldPointGenWay"] = info.handHeldPointGenWay;
+    content["meshType"] = info.meshType;
+    content["fileName"] = info.fileName;
+    // Receivers expect the single-precision value, widened: 0.1 is stored as 0.10000000149011612.
+    QJsonObject box;
+    box["length"] = double(info.length.toFloat());
+    box["width"] = double(info.width.toFloat());
+    box["height"] = double(info.height.toFloat());
+    content["box"] = box;
+    record["content"] = content;
+    // "sss" is the seconds twice ("ss" then "s"), not milliseconds; receivers know these stems.
+    write_record_file(record_path(utc_now_stem("yyyy-MM-ddThh-mm-ss.sssZ")), record, "scan");
+}
+
+void windows_information_imp::create_scan_inifo(QString& height, QString& length, QString& width,
+                                                QString& fileName, QString& handHeldPointGenWay, QString& meshType,
+                                                QString& alignMode, QString& classsify, QString& hdr,
+                                                QString& modular, QString& startOn, QString& endOn,
+                                                QString& pointDis, QString& texture, QString& totalPoint,
+                                                QString totalFaces, int)
+{
+    // The flat record keeps the envelope's "usage" tracing type; receivers tell it by "type".
+    QJsonObject record;
+    create_usage_inner(QString(), record);
+    record["height"] = height;
+    record["length"] = length;
+    record["width"] = width;
+    record["fileName"] = fileName;
+    record["handHeldPointGenWay"] = handHeldPointGenWay;
+    record["meshType"] = meshType;
+    record["alignMode"] = alignMode;
+    record["classsify"] = classsify;
+    record["hdr"] = hdr;
+    record["modular"] = modular;
+    record["startOn"] = startOn;
+    record["endOn"] = endOn;
+    record["pointDis"] = pointDis;
+    record["texture"] = texture;
+    record["totalPoint"] = totalPoint;
+    record["totalFaces"] = totalFaces;
+    write_record_file(record_path(utc_now_stem(kUtcStemFormat)), record, "scan");
+}
+
+int windows_information_imp::get_scan_info(const QString& path, QString& data, QString& type)
+{
+    if (!QFile::exists(path)) {
+        LOG(INFO) << "file not exist" << path.toUtf8().constData();
+        return -1;
+    }
+    QSettings file(path, QSettings::IniFormat);
+    const QByteArray bytes = file.value("data", QVariant()).toByteArray();
+    type = file.value("type").toString();
+    // Log readers match the function text of the existing builds, which compilers spell differently.
+    QMessageLogger(__FILE__, __LINE__,
+                   "virtual int information_api::windows_information_imp::get_scan_info(const QString &, "
+                   "QString &, QString &)")
+        .debug()
+        << "type=" << type;
+    data = bytes.isNull() ? QString() : QString::fromUtf8(bytes.constData());
+    return 0;
+}
+
+QString windows_information_imp::create_userfeedback_info(QString& ple, QString& softwareVer, QString& modelName,
+                                                          QString& modular, QStringList& modularPles,
+                                                          int enableGuide, QString& email, QString& industry,
+                                                          QString& content, QStringList& attachs)
+{
+    this->enableGuide = enableGuide;
+    this->modelName = modelName;
+    this->modular = modular;
+    this->modularPles = modularPles;
+    const QString now = utc_now_stamp();
+    const QString stem = utc_now_stem(kUserRecordStemFormat);
+    this->ple = normalised_profile(ple);
+    this->softwareVer = softwareVer;
+    startOn = now;
+    endOn = now;
+
+    QJsonObject record;
+    create_usage_inner(QString(), record);
+    record["tracingType"] = "feedback";
+    QJsonObject feedback;
+    feedback["email"] = email;
+    feedback["industry"] = industry;
+    feedback["content"] = content;
+    feedback["attachs"] = QJsonArray::fromStringList(attachs);
+    record["content"] = feedback;
+
+    const QString path = record_path(stem);
+    write_record_file(path, record, "feedback");
+    return path;
+}
+
+QString windows_information_imp::add_user_score(const QString& score, const QString& ple,
+                                                const QString& softwareVer, QString& modelName, QString& modular,
+                                                const QString& industry, int enableGuide)
+{
+    this->enableGuide = enableGuide;
+    this->modelName = modelName;
+    this->modular = modular;
+    modularPles.clear();
+    const QString now = utc_now_stamp();
+    const QString stem = utc_now_stem(kUserRecordStemFormat);
+    this->ple = normalised_profile(ple);
+    this->softwareVer = softwareVer;
+    startOn = now;
+    endOn = now;
+
+    QJsonObject record;
+    create_usage_inner(QString(), record);
+    record["tracingType"] = "score";
+    QJsonObject content;
+    content["score"] = score.toInt();
+    content["industry"] = industry;
+    record["content"] = content;
+
+    // Scores live beside the other records under their own extension, so the upload listing
+    // (*.info2) never offers them.
+    const QString path = QString("./veltrainfo/%1.score2").arg(stem);
+    write_record_file(path, record, "score");
+    return path;
+}
+
+void windows_information_imp::get_upload_config(int& enable, int& time_intval, QString& url, QString& app_id,
+                                                QString&)
+{
+    enable = systemSettings.value("enable", 0).toInt();
+    time_intval = systemSettings.value("time_intval", 60).toInt();
+    const int test = systemSettings.value("test", 0).toInt();
+    LOG(INFO) << "get_upload_config show " << "test_type " << test << "_test_url "
+              << testUploadUrl.toUtf8().constData();
+    if (test != 0) {
+        url = testUploadUrl.isEmpty() ? QString(kTestUploadUrl) : testUploadUrl;
+        app_id = kTestAppId;
+        return;
+    }
+    qDebug() << "get_upload_config _release_url=" << releaseUploadUrl;
+    if (releaseUploadUrl.isEmpty()) {
+        // Cached in the field, so the file is read once per run (unless it names no URL).
+        QSettings urlConfig("./url_config.ini", QSettings::IniFormat);
+        releaseUploadUrl = urlConfig.value("upload_url", QString(kReleaseUploadUrl)).toString();
+        qDebug() << "url_config.ini get_upload_config _release_url=" << releaseUploadUrl;
+    }
+    url = releaseUploadUrl;
+    app_id = kReleaseAppId;
+}
+
+void windows_information_imp::getUploadFileUrl(QString& url)
+{
+    const int test = systemSettings.value("test", 0).toInt();
+    url = test != 0 ? testFileUploadUrl : releaseFileUploadUrl;
+    if (url.isEmpty())
+        url = kFileUploadUrl;  // one file service for both modes
+}
+
+void windows_information_imp::get_domain_manger_url(QString& url)
+{
+    systemSettings.value("test", 0);  // read for symmetry with the other URLs; both modes share the CDN
+    url = kCdnBaseUrl;
+}
+
+int windows_information_imp::get_reconnect_intval() { return systemSettings.value("connect_time", 20).toInt(); }
+
+int windows_information_imp::get_upload_files(QStringList& files)
+{
+    const int minimum = systemSettings.value("uploadintval", 1).toInt();
+    const QCoreApplication* app = QCoreApplication::instance();
+    // Without "start_time" the reference is invalid, every age is 0 and nothing is due by default.
+    const QDateTime reference = app ? app->property("start_time").toDateTime() : QDateTime();
+    const QFileInfoList records = list_record_files();
+    // Every file is tested: the listing is sorted by time, but ages are whole calendar days.
+    for (auto it = records.crbegin(); it != records.crend(); ++it) {
+        const qint64 age = it->lastModified().daysTo(reference);
+        if (age < minimum)
+            continue;
+        const QString path = it->absoluteFilePath();
+        qDebug() << "day_diff" << age << "upload file " << path;
+        files << path;
+    }
+    return files.size();
+}
+
+void windows_information_imp::clear_timeout_file()
+{
+    const int limit = systemSettings.value("remain", 30).toInt();
+    const QDateTime now = QDateTime::currentDateTime();
+    const QFileInfoList records = list_record_files();
+    for (auto it = records.crbegin(); it != records.crend(); ++it) {
+        if (it->lastModified().daysTo(now) <= limit)
+            break;  // oldest first: every file after this one is younger
+        const QString path = it->absoluteFilePath();
+        LOG(INFO) << "delete file " << path.toUtf8().constData();
+        QFile::remove(path);
+    }
+}
 
 }  // namespace information_api
