@@ -10,6 +10,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 
+#include <cmath>
 #include <cstdio>
 
 namespace information_api {
@@ -54,6 +55,16 @@ QString normalised_profile(const QString& ple)
     if (match >= 1 && match - dash >= 2 && dash >= 1)
         return ple.left(dash + 1) + ple.mid(match);
     return ple;
+}
+
+// A box value as receivers expect it: the single-precision value, widened, so 0.1 is stored as
+// 0.10000000149011612. Text that is no finite float (letters, 1e39, nan) is 0: Qt's toFloat
+// answers inf for an overflow, which JSON would write as null.
+double widened_float(const QString& text)
+{
+    bool ok = false;
+    const float value = text.toFloat(&ok);
+    return ok && std::isfinite(value) ? double(value) : 0.0;
 }
 
 // The record folder's *.info2 files, newest first; callers walk it backwards, oldest first.
@@ -341,11 +352,10 @@ void windows_information_imp::add_scan_info(const _tag_scan_info& info, int enab
     content["handHeldPointGenWay"] = info.handHeldPointGenWay;
     content["meshType"] = info.meshType;
     content["fileName"] = info.fileName;
-    // Receivers expect the single-precision value, widened: 0.1 is stored as 0.10000000149011612.
     QJsonObject box;
-    box["length"] = double(info.length.toFloat());
-    box["width"] = double(info.width.toFloat());
-    box["height"] = double(info.height.toFloat());
+    box["length"] = widened_float(info.length);
+    box["width"] = widened_float(info.width);
+    box["height"] = widened_float(info.height);
     content["box"] = box;
     record["content"] = content;
     // "sss" is the seconds twice ("ss" then "s"), not milliseconds; receivers know these stems.
