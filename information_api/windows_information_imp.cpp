@@ -10,8 +10,10 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <vector>
 
 namespace information_api {
 
@@ -67,10 +69,34 @@ double widened_float(const QString& text)
     return ok && std::isfinite(value) ? double(value) : 0.0;
 }
 
-// The record folder's *.info2 files, newest first; callers walk it backwards, oldest first.
-QFileInfoList list_record_files()
+// One *.info2 file of the record folder, with its modification time read once.
+struct record_entry {
+    QFileInfo file;
+    QString name;
+    QDateTime modified;  // local time
+    qint64 wallClock;    // local wall-clock time in ms: the key QDir::Time sorts by
+};
+
+// The record folder's *.info2 files from the oldest to the newest, exactly the reverse of a
+// QDir::Time listing (newest first, equal times by name). Sorted here because QDir converts two
+// file times to local time per comparison, each conversion a tzset() that stats /etc/localtime:
+// 10,000 records took seconds. Here each file is converted once.
+std::vector<record_entry> records_oldest_first()
 {
-    return QDir("./veltrainfo/").entryInfoList(QStringList{"*.info2"}, QDir::Files, QDir::Time);
+    const QFileInfoList files =
+        QDir("./veltrainfo/").entryInfoList(QStringList{"*.info2"}, QDir::Files, QDir::Unsorted);
+    std::vector<record_entry> entries;
+    entries.reserve(size_t(files.size()));
+    for (const QFileInfo& file : files) {
+        const QDateTime modified = file.lastModified();
+        QDateTime wallClock = modified;
+        wallClock.setTimeSpec(Qt::UTC);
+        entries.push_back({file, file.fileName(), modified, wallClock.toMSecsSinceEpoch()});
+    }
+    std::sort(entries.begin(), entries.end(), [](const record_entry& a, const record_entry& b) {
+        return a.wallClock != b.wallClock ? a.wallClock < b.wallClock : a.name > b.name;
+    });
+    return entries;
 }
 
 // Stores one record: "data" holds the indented JSON text as a byte array, "type" its kind.
@@ -517,13 +543,12 @@ int windows_information_imp::get_upload_files(QStringList& files)
     const QCoreApplication* app = QCoreApplication::instance();
     // Without "start_time" the reference is invalid, every age is 0 and nothing is due by default.
     const QDateTime reference = app ? app->property("start_time").toDateTime() : QDateTime();
-    const QFileInfoList records = list_record_files();
-    // Every file is tested: the listing is sorted by time, but ages are whole calendar days.
-    for (auto it = records.crbegin(); it != records.crend(); ++it) {
-        const qint64 age = it->lastModified().daysTo(reference);
+    // Every file is tested, not only up to the first young one.
+    for (const record_entry& record : records_oldest_first()) {
+        const qint64 age = record.modified.daysTo(reference);
         if (age < minimum)
             continue;
-        const QString path = it->absoluteFilePath();
+        const QString path = record.file.absoluteFilePath();
         qDebug() << "day_diff" << age << "upload file " << path;
         files << path;
     }
@@ -534,11 +559,10 @@ void windows_information_imp::clear_timeout_file()
 {
     const int limit = systemSettings.value("remain", 30).toInt();
     const QDateTime now = QDateTime::currentDateTime();
-    const QFileInfoList records = list_record_files();
-    for (auto it = records.crbegin(); it != records.crend(); ++it) {
-        if (it->lastModified().daysTo(now) <= limit)
+    for (const record_entry& record : records_oldest_first()) {
+        if (record.modified.daysTo(now) <= limit)
             break;  // oldest first: every file after this one is younger
-        const QString path = it->absoluteFilePath();
+        const QString path = record.file.absoluteFilePath();
         LOG(INFO) << "delete file " << path.toUtf8().constData();
         QFile::remove(path);
     }

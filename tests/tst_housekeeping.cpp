@@ -46,6 +46,7 @@ private slots:
 
     void upload_files_data();
     void upload_files();
+    void walk_order_is_qdir_time_reversed();
     void clear_timeout_file_data();
     void clear_timeout_file();
 
@@ -128,6 +129,27 @@ void tst_housekeeping::upload_files()
         QCOMPARE(debug_messages[i], QString("day_diff %1 upload file  \"%2\"").arg(age).arg(absolute(listed[i])));
     }
     QVERIFY(QFile::exists("veltrainfo/dir.info2"));
+}
+
+void tst_housekeeping::walk_order_is_qdir_time_reversed()
+{
+    // Equal times (ordered by name, case-sensitively) and distinct times, created out of order.
+    const QStringList names{"b.info2", "B.info2", "aa.info2", "a.info2", "c.info2", "Z.info2", "y.info2"};
+    const QDateTime when = on(10, "10:00:00");
+    for (int i = 0; i < names.size(); ++i)
+        QVERIFY(make_record(names[i], i < 5 ? when : when.addMSecs(i == 5 ? 1 : -1)));
+    test_support::write_ini("res/system.ini", {{"uploadintval", 0}});
+    qApp->setProperty("start_time", on(15, "12:00:00"));
+
+    QStringList expected;
+    for (const QFileInfo& file : QDir("veltrainfo").entryInfoList({"*.info2"}, QDir::Files, QDir::Time))
+        expected.prepend(file.absoluteFilePath());
+    windows_information_imp m;
+    QStringList files;
+    m.get_upload_files(files);
+    QCOMPARE(files, expected);
+    QCOMPARE(files.first(), absolute("y.info2"));
+    QCOMPARE(files.last(), absolute("Z.info2"));
 }
 
 void tst_housekeeping::clear_timeout_file_data()
