@@ -15,6 +15,9 @@
 #include <cstdio>
 #include <vector>
 
+#include <sys/stat.h>
+#include <time.h>
+
 namespace information_api {
 
 namespace {
@@ -69,34 +72,49 @@ double widened_float(const QString& text)
     return ok && std::isfinite(value) ? double(value) : 0.0;
 }
 
-// One *.info2 file of the record folder, with its modification time read once.
+// One *.info2 file of the record folder with its modification time in local terms.
 struct record_entry {
-    QFileInfo file;
     QString name;
-    QDateTime modified;  // local time
-    qint64 wallClock;    // local wall-clock time in ms: the key QDir::Time sorts by
+    qint64 wallClock;  // local wall-clock time in ms: the key QDir::Time sorts by
+    QDate day;         // local calendar day: what QDateTime::daysTo counts from
 };
 
 // The record folder's *.info2 files from the oldest to the newest, exactly the reverse of a
-// QDir::Time listing (newest first, equal times by name). Sorted here because QDir converts two
-// file times to local time per comparison, each conversion a tzset() that stats /etc/localtime:
-// 10,000 records took seconds. Here each file is converted once.
+// QDir::Time listing (newest first, equal times by name). QDir sorts by converting two file times
+// to local time per comparison, and every Qt conversion calls tzset(), which stats
+// /etc/localtime: 10,000 records took seconds. Here the zone is read once per walk and each
+// file's time converted once, by the same localtime_r() that Qt uses.
 std::vector<record_entry> records_oldest_first()
 {
-    const QFileInfoList files =
-        QDir("./veltrainfo/").entryInfoList(QStringList{"*.info2"}, QDir::Files, QDir::Unsorted);
+    const QDir folder("./veltrainfo/");
+    const QStringList names = folder.entryList(QStringList{"*.info2"}, QDir::Files, QDir::Unsorted);
+    tzset();
     std::vector<record_entry> entries;
-    entries.reserve(size_t(files.size()));
-    for (const QFileInfo& file : files) {
-        const QDateTime modified = file.lastModified();
-        QDateTime wallClock = modified;
-        wallClock.setTimeSpec(Qt::UTC);
-        entries.push_back({file, file.fileName(), modified, wallClock.toMSecsSinceEpoch()});
+    entries.reserve(size_t(names.size()));
+    for (const QString& name : names) {
+        struct stat info;
+        if (stat(QFile::encodeName(folder.filePath(name)).constData(), &info) != 0)
+            continue;  // removed since the listing
+#ifdef __APPLE__
+        const timespec modified = info.st_mtimespec;
+#else
+        const timespec modified = info.st_mtim;
+#endif
+        tm local{};
+        if (!localtime_r(&modified.tv_sec, &local))
+            continue;
+        const qint64 wallClock = (qint64(modified.tv_sec) + local.tm_gmtoff) * 1000 + modified.tv_nsec / 1000000;
+        entries.push_back({name, wallClock, QDate(local.tm_year + 1900, local.tm_mon + 1, local.tm_mday)});
     }
     std::sort(entries.begin(), entries.end(), [](const record_entry& a, const record_entry& b) {
         return a.wallClock != b.wallClock ? a.wallClock < b.wallClock : a.name > b.name;
     });
     return entries;
+}
+
+QString record_absolute_path(const record_entry& record)
+{
+    return QFileInfo(QDir("./veltrainfo/"), record.name).absoluteFilePath();
 }
 
 // Stores one record: "data" holds the indented JSON text as a byte array, "type" its kind.
@@ -543,12 +561,13 @@ int windows_information_imp::get_upload_files(QStringList& files)
     const QCoreApplication* app = QCoreApplication::instance();
     // Without "start_time" the reference is invalid, every age is 0 and nothing is due by default.
     const QDateTime reference = app ? app->property("start_time").toDateTime() : QDateTime();
+    const QDate referenceDay = reference.date();
     // Every file is tested, not only up to the first young one.
     for (const record_entry& record : records_oldest_first()) {
-        const qint64 age = record.modified.daysTo(reference);
+        const qint64 age = record.day.daysTo(referenceDay);  // 0 when there is no reference
         if (age < minimum)
             continue;
-        const QString path = record.file.absoluteFilePath();
+        const QString path = record_absolute_path(record);
         qDebug() << "day_diff" << age << "upload file " << path;
         files << path;
     }
@@ -558,11 +577,11 @@ int windows_information_imp::get_upload_files(QStringList& files)
 void windows_information_imp::clear_timeout_file()
 {
     const int limit = systemSettings.value("remain", 30).toInt();
-    const QDateTime now = QDateTime::currentDateTime();
+    const QDate today = QDateTime::currentDateTime().date();
     for (const record_entry& record : records_oldest_first()) {
-        if (record.modified.daysTo(now) <= limit)
+        if (record.day.daysTo(today) <= limit)
             break;  // oldest first: every file after this one is younger
-        const QString path = record.file.absoluteFilePath();
+        const QString path = record_absolute_path(record);
         LOG(INFO) << "delete file " << path.toUtf8().constData();
         QFile::remove(path);
     }
