@@ -549,8 +549,7 @@ void windows_information_imp::getUploadFileUrl(QString& url)
 
 void windows_information_imp::get_domain_manger_url(QString& url)
 {
-    systemSettings.value("test", 0);  // read for symmetry with the other URLs; both modes share the CDN
-    url = kCdnBaseUrl;
+    url = kCdnBaseUrl;  // one content-delivery host serves both modes
 }
 
 int windows_information_imp::get_reconnect_intval() { return systemSettings.value("connect_time", 20).toInt(); }
