@@ -223,7 +223,7 @@ void BM_housekeeping(benchmark::State& state, Operation operation)
 {
     const QString previous = QDir::currentPath();
     QDir::setCurrent(record_folder(int(state.range(0))));
-    qApp->setProperty("start_time", QDateTime::currentDateTime());
+    QCoreApplication::instance()->setProperty("start_time", QDateTime::currentDateTime());
     windows_information_imp m;
 
     std::vector<double> subject, qdir_time, unsorted;

@@ -40,7 +40,7 @@ private slots:
     void init()
     {
         cwd_ = std::make_unique<test_support::scoped_working_dir>();
-        qApp->setProperty("start_time", QVariant());
+        QCoreApplication::instance()->setProperty("start_time", QVariant());
     }
     void cleanup() { cwd_.reset(); }
 
@@ -108,7 +108,7 @@ void tst_housekeeping::upload_files()
         QVERIFY(make_record(parts[0], on(parts[1].toInt(), qPrintable(parts[2]))));
     }
     QDir().mkpath("veltrainfo/dir.info2");  // folders are never listed
-    qApp->setProperty("start_time", startTime);
+    QCoreApplication::instance()->setProperty("start_time", startTime);
 
     windows_information_imp m;
     QStringList result = given;
@@ -139,7 +139,7 @@ void tst_housekeeping::walk_order_is_qdir_time_reversed()
     for (int i = 0; i < names.size(); ++i)
         QVERIFY(make_record(names[i], i < 5 ? when : when.addMSecs(i == 5 ? 1 : -1)));
     test_support::write_ini("res/system.ini", {{"uploadintval", 0}});
-    qApp->setProperty("start_time", on(15, "12:00:00"));
+    QCoreApplication::instance()->setProperty("start_time", on(15, "12:00:00"));
 
     QStringList expected;
     for (const QFileInfo& file : QDir("veltrainfo").entryInfoList({"*.info2"}, QDir::Files, QDir::Time))
