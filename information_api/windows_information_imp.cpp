@@ -4,10 +4,19 @@
 
 #include <QCoreApplication>
 #include <QDebug>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
 
+#include <algorithm>
+#include <cmath>
 #include <cstdio>
+#include <vector>
+
+#include <sys/stat.h>
+#include <time.h>
 
 namespace information_api {
 
@@ -16,10 +25,96 @@ namespace {
 const char* const kRecordPathPattern = "./veltrainfo/%1.info2";
 const char* const kUtcStampFormat = "yyyy-MM-ddThh:mm:ssZ";
 const char* const kUsageStemFormat = "yyyy-MM-ddThh-mm-ss";
+const char* const kUtcStemFormat = "yyyy-MM-ddThh-mm-ssZ";
+const char* const kUserRecordStemFormat = "yyyy-MM-ddThh-mm-ss";
+
+// The service hosts are deployment values, compiled in from the build's cache variables.
+const char* const kReleaseUploadUrl = "https://" INFORMATION_API_RELEASE_SERVICE_HOST "/dtta";
+const char* const kTestUploadUrl = "https://" INFORMATION_API_TEST_SERVICE_HOST "/dtta";
+const char* const kFileUploadUrl = "https://" INFORMATION_API_TEST_API_HOST "/up";
+const char* const kCdnBaseUrl = "https://" INFORMATION_API_CDN_HOST;
+const char* const kTestAppId = "3c9d0a7e51b24f68e0a7c2d9b4f6e183";
+const char* const kReleaseAppId = "a0f4c9e27d5b3816c4e9a7d2f05b68c1";
 
 QString utc_now_stamp()
 {
     return QDateTime::currentDateTimeUtc().toString(kUtcStampFormat);
+}
+
+QString utc_now_stem(const char* format)
+{
+    return QDateTime::currentDateTimeUtc().toString(format);
+}
+
+QString record_path(const QString& stem)
+{
+    return QString(kRecordPathPattern).arg(stem);
+}
+
+// Feedback and score records drop the variant between a profile's last "-" and its K300 name:
+// pro-2xK300.ple is recorded as pro-K300.ple.
+QString normalised_profile(const QString& ple)
+{
+    const int dash = ple.lastIndexOf('-');
+    const int match = ple.lastIndexOf("K300.ple", -1, Qt::CaseInsensitive);
+    if (match >= 1 && match - dash >= 2 && dash >= 1)
+        return ple.left(dash + 1) + ple.mid(match);
+    return ple;
+}
+
+// A box value as receivers expect it: the single-precision value, widened, so 0.1 is stored as
+// 0.10000000149011612. Text that is no finite float (letters, 1e39, nan) is 0: Qt's toFloat
+// answers inf for an overflow, which JSON would write as null.
+double widened_float(const QString& text)
+{
+    bool ok = false;
+    const float value = text.toFloat(&ok);
+    return ok && std::isfinite(value) ? double(value) : 0.0;
+}
+
+// One *.info2 file of the record folder with its modification time in local terms.
+struct record_entry {
+    QString name;
+    qint64 wallClock;  // local wall-clock time in ms: the key QDir::Time sorts by
+    QDate day;         // local calendar day: what QDateTime::daysTo counts from
+};
+
+// The record folder's *.info2 files from the oldest to the newest, exactly the reverse of a
+// QDir::Time listing (newest first, equal times by name). QDir sorts by converting two file times
+// to local time per comparison, and every Qt conversion calls tzset(), which stats
+// /etc/localtime: 10,000 records took seconds. Here the zone is read once per walk and each
+// file's time converted once, by the same localtime_r() that Qt uses.
+std::vector<record_entry> records_oldest_first()
+{
+    const QDir folder("./veltrainfo/");
+    const QStringList names = folder.entryList(QStringList{"*.info2"}, QDir::Files, QDir::Unsorted);
+    tzset();
+    std::vector<record_entry> entries;
+    entries.reserve(size_t(names.size()));
+    for (const QString& name : names) {
+        struct stat info;
+        if (stat(QFile::encodeName(folder.filePath(name)).constData(), &info) != 0)
+            continue;  // removed since the listing
+#ifdef __APPLE__
+        const timespec modified = info.st_mtimespec;
+#else
+        const timespec modified = info.st_mtim;
+#endif
+        tm local{};
+        if (!localtime_r(&modified.tv_sec, &local))
+            continue;
+        const qint64 wallClock = (qint64(modified.tv_sec) + local.tm_gmtoff) * 1000 + modified.tv_nsec / 1000000;
+        entries.push_back({name, wallClock, QDate(local.tm_year + 1900, local.tm_mon + 1, local.tm_mday)});
+    }
+    std::sort(entries.begin(), entries.end(), [](const record_entry& a, const record_entry& b) {
+        return a.wallClock != b.wallClock ? a.wallClock < b.wallClock : a.name > b.name;
+    });
+    return entries;
+}
+
+QString record_absolute_path(const record_entry& record)
+{
+    return QFileInfo(QDir("./veltrainfo/"), record.name).absoluteFilePath();
 }
 
 // Stores one record: "data" holds the indented JSON text as a byte array, "type" its kind.
@@ -151,7 +246,7 @@ void windows_information_imp::create_usage_inifo(const QString& start, QString& 
 
     create_usage_inner(start, usageRecord);
     // usageStart is fixed for the run, so every call rewrites the same file.
-    usageFilePath = QString(kRecordPathPattern).arg(usageStart.toString(kUsageStemFormat));
+    usageFilePath = record_path(usageStart.toString(kUsageStemFormat));
     write_record_file(usageFilePath, usageRecord, "usage");
 
     printf("\r\n create_usage_inifo=%s ", usageFilePath.toUtf8().constData());
@@ -209,29 +304,286 @@ bool windows_information_imp::get_os_name(QString&) { return true; }
 bool windows_information_imp::get_os_language(QString&) { return false; }
 bool windows_information_imp::get_gpu_info_vista(QStringList&, QStringList&) { return true; }
 
-// Record kinds, configuration and housekeeping that are not built yet: they do nothing.
-void windows_information_imp::add_scan_info(const _tag_scan_info&, int) {}
-void windows_information_imp::create_calibrate_inifo(QStringList&, QString&, QString&, QString&, QString&,
-                                                     QStringList&, QString&, QString&, QStringList&,
-                                                     QStringList&, QStringList&, QStringList&, int) {}
-void windows_information_imp::create_share_inifo(QString&, QString&, QString&, QString&, QString&, QString&,
-                                                 QString&, QString&, int) {}
-void windows_information_imp::create_scan_inifo(QString&, QString&, QString&, QString&, QString&, QString&,
-                                                QString&, QString&, QString&, QString&, QString&, QString&,
-                                                QString&, QString&, QString&, QString, int) {}
-QString windows_information_imp::add_user_score(const QString&, const QString&, const QString&, QString&,
-                                                QString&, const QString&, int) { return QString(); }
-QString windows_information_imp::create_userfeedback_info(QString&, QString&, QString&, QString&, QStringList&,
-                                                          int, QString&, QString&, QString&, QStringList&)
+void windows_information_imp::create_calibrate_inifo(QStringList& stepModulars, QString& softwareVer, QString& ple,
+                                                     QString& modelName, QString& modular, QStringList& modularPles,
+                                                     QString& startOn, QString& endOn, QStringList& stepClasses,
+                                                     QStringList& stepStarts, QStringList& stepEnds,
+                                                     QStringList& stepResults, int enableGuide)
 {
-    return QString();
+    this->enableGuide = enableGuide;
+    this->softwareVer = softwareVer;
+    this->ple = ple;
+    this->modelName = modelName;
+    this->modular = modular;
+    this->modularPles = modularPles;
+    LOG(INFO) << "modular=" << this->modular.toUtf8().constData() << "device_ex_ple.size=" << modularPles.size();
+    this->startOn = startOn;
+    this->endOn = endOn;
+
+    QJsonObject record;
+    create_usage_inner(QString(), record);
+    record["tracingType"] = "calibration";
+    // The category list decides the step count; shorter lists leave their fields empty.
+    QJsonArray steps;
+    for (int i = 0; i < stepClasses.size(); ++i) {
+        QJsonObject step;
+        step["classsify"] = stepClasses[i];
+        step["startOn"] = stepStarts.value(i);
+        step["endOn"] = stepEnds.value(i);
+        step["result"] = stepResults.value(i);
+        step["modular"] = stepModulars.value(i);
+        steps.append(step);
+    }
+    record["content"] = steps;
+    write_record_file(record_path(utc_now_stem(kUtcStemFormat)), record, "calibration");
 }
-void windows_information_imp::clear_timeout_file() {}
-int windows_information_imp::get_upload_files(QStringList& files) { return files.size(); }
-int windows_information_imp::get_reconnect_intval() { return 0; }
-void windows_information_imp::get_upload_config(int&, int&, QString&, QString&, QString&) {}
-int windows_information_imp::get_scan_info(const QString&, QString&, QString&) { return 0; }
-void windows_information_imp::get_domain_manger_url(QString&) {}
-void windows_information_imp::getUploadFileUrl(QString&) {}
+
+void windows_information_imp::create_share_inifo(QString& ple, QString& modelName, QString& modular,
+                                                 QString& startOn, QString& endOn, QString& target, QString& name,
+                                                 QString& account, int enableGuide)
+{
+    this->enableGuide = enableGuide;
+    this->ple = ple;
+    this->modelName = modelName;
+    this->modular = modular;
+    this->startOn = startOn;
+    this->endOn = endOn;
+
+    QJsonObject record;
+    create_usage_inner(QString(), record);
+    record["tracingType"] = "share";
+    QJsonObject content;
+    content["target"] = target;
+    content["name"] = name;
+    content["account"] = account;
+    record["content"] = content;
+    write_record_file(record_path(utc_now_stem(kUtcStemFormat)), record, "share");
+}
+
+void windows_information_imp::add_scan_info(const _tag_scan_info& info, int enableGuide)
+{
+    this->enableGuide = enableGuide;
+    startOn = info.startOn;
+    endOn = info.endOn;
+    ple = info.ple;
+    modelName = info.modelName;
+    modular = info.modular;
+    modularPles = info.modularPles;
+
+    LOG(INFO) << "add_scan_info" << " this->softwareVer = " << softwareVer.toUtf8().constData();
+    QJsonObject record;
+    create_usage_inner(QString(), record);
+    record["tracingType"] = "scan";
+
+    QJsonObject content;
+    QJsonArray modes;
+    for (const _tag_scan_mode& mode : info.modes) {
+        QJsonObject entry;
+        entry["startOn"] = mode.startOn;
+        entry["endOn"] = mode.endOn;
+        entry["classsify"] = mode.classsify;
+        entry["hdr"] = mode.hdr;
+        entry["turntableSteps"] = mode.turntableSteps;
+        entry["modular"] = mode.modular;
+        entry["alignMode"] = QJsonArray::fromStringList(mode.alignMode);
+        modes.append(entry);
+    }
+    if (!modes.isEmpty())
+        content["mode"] = modes;
+    content["texture"] = info.texture;
+    content["totalPoint"] = info.totalPoint.toInt();
+    content["pointDis"] = info.pointDis;
+    content["handHeldPointGenWay"] = info.handHeldPointGenWay;
+    content["meshType"] = info.meshType;
+    content["fileName"] = info.fileName;
+    QJsonObject box;
+    box["length"] = widened_float(info.length);
+    box["width"] = widened_float(info.width);
+    box["height"] = widened_float(info.height);
+    content["box"] = box;
+    record["content"] = content;
+    // "sss" is the seconds twice ("ss" then "s"), not milliseconds; receivers know these stems.
+    write_record_file(record_path(utc_now_stem("yyyy-MM-ddThh-mm-ss.sssZ")), record, "scan");
+}
+
+void windows_information_imp::create_scan_inifo(QString& height, QString& length, QString& width,
+                                                QString& fileName, QString& handHeldPointGenWay, QString& meshType,
+                                                QString& alignMode, QString& classsify, QString& hdr,
+                                                QString& modular, QString& startOn, QString& endOn,
+                                                QString& pointDis, QString& texture, QString& totalPoint,
+                                                QString totalFaces, int)
+{
+    // The flat record keeps the envelope's "usage" tracing type; receivers tell it by "type".
+    QJsonObject record;
+    create_usage_inner(QString(), record);
+    record["height"] = height;
+    record["length"] = length;
+    record["width"] = width;
+    record["fileName"] = fileName;
+    record["handHeldPointGenWay"] = handHeldPointGenWay;
+    record["meshType"] = meshType;
+    record["alignMode"] = alignMode;
+    record["classsify"] = classsify;
+    record["hdr"] = hdr;
+    record["modular"] = modular;
+    record["startOn"] = startOn;
+    record["endOn"] = endOn;
+    record["pointDis"] = pointDis;
+    record["texture"] = texture;
+    record["totalPoint"] = totalPoint;
+    record["totalFaces"] = totalFaces;
+    write_record_file(record_path(utc_now_stem(kUtcStemFormat)), record, "scan");
+}
+
+int windows_information_imp::get_scan_info(const QString& path, QString& data, QString& type)
+{
+    if (!QFile::exists(path)) {
+        LOG(INFO) << "file not exist" << path.toUtf8().constData();
+        return -1;
+    }
+    QSettings file(path, QSettings::IniFormat);
+    const QByteArray bytes = file.value("data", QVariant()).toByteArray();
+    type = file.value("type").toString();
+    // Log readers match the function text of the existing builds, which compilers spell differently.
+    QMessageLogger(__FILE__, __LINE__,
+                   "virtual int information_api::windows_information_imp::get_scan_info(const QString &, "
+                   "QString &, QString &)")
+        .debug()
+        << "type=" << type;
+    data = bytes.isNull() ? QString() : QString::fromUtf8(bytes.constData());
+    return 0;
+}
+
+QString windows_information_imp::create_userfeedback_info(QString& ple, QString& softwareVer, QString& modelName,
+                                                          QString& modular, QStringList& modularPles,
+                                                          int enableGuide, QString& email, QString& industry,
+                                                          QString& content, QStringList& attachs)
+{
+    this->enableGuide = enableGuide;
+    this->modelName = modelName;
+    this->modular = modular;
+    this->modularPles = modularPles;
+    const QString now = utc_now_stamp();
+    const QString stem = utc_now_stem(kUserRecordStemFormat);
+    this->ple = normalised_profile(ple);
+    this->softwareVer = softwareVer;
+    startOn = now;
+    endOn = now;
+
+    QJsonObject record;
+    create_usage_inner(QString(), record);
+    record["tracingType"] = "feedback";
+    QJsonObject feedback;
+    feedback["email"] = email;
+    feedback["industry"] = industry;
+    feedback["content"] = content;
+    feedback["attachs"] = QJsonArray::fromStringList(attachs);
+    record["content"] = feedback;
+
+    const QString path = record_path(stem);
+    write_record_file(path, record, "feedback");
+    return path;
+}
+
+QString windows_information_imp::add_user_score(const QString& score, const QString& ple,
+                                                const QString& softwareVer, QString& modelName, QString& modular,
+                                                const QString& industry, int enableGuide)
+{
+    this->enableGuide = enableGuide;
+    this->modelName = modelName;
+    this->modular = modular;
+    modularPles.clear();
+    const QString now = utc_now_stamp();
+    const QString stem = utc_now_stem(kUserRecordStemFormat);
+    this->ple = normalised_profile(ple);
+    this->softwareVer = softwareVer;
+    startOn = now;
+    endOn = now;
+
+    QJsonObject record;
+    create_usage_inner(QString(), record);
+    record["tracingType"] = "score";
+    QJsonObject content;
+    content["score"] = score.toInt();
+    content["industry"] = industry;
+    record["content"] = content;
+
+    // Scores live beside the other records under their own extension, so the upload listing
+    // (*.info2) never offers them.
+    const QString path = QString("./veltrainfo/%1.score2").arg(stem);
+    write_record_file(path, record, "score");
+    return path;
+}
+
+void windows_information_imp::get_upload_config(int& enable, int& time_intval, QString& url, QString& app_id,
+                                                QString&)
+{
+    enable = systemSettings.value("enable", 0).toInt();
+    time_intval = systemSettings.value("time_intval", 60).toInt();
+    const int test = systemSettings.value("test", 0).toInt();
+    LOG(INFO) << "get_upload_config show " << "test_type " << test << "_test_url "
+              << testUploadUrl.toUtf8().constData();
+    if (test != 0) {
+        url = testUploadUrl.isEmpty() ? QString(kTestUploadUrl) : testUploadUrl;
+        app_id = kTestAppId;
+        return;
+    }
+    qDebug() << "get_upload_config _release_url=" << releaseUploadUrl;
+    if (releaseUploadUrl.isEmpty()) {
+        // Cached in the field, so the file is read once per run (unless it names no URL).
+        QSettings urlConfig("./url_config.ini", QSettings::IniFormat);
+        releaseUploadUrl = urlConfig.value("upload_url", QString(kReleaseUploadUrl)).toString();
+        qDebug() << "url_config.ini get_upload_config _release_url=" << releaseUploadUrl;
+    }
+    url = releaseUploadUrl;
+    app_id = kReleaseAppId;
+}
+
+void windows_information_imp::getUploadFileUrl(QString& url)
+{
+    const int test = systemSettings.value("test", 0).toInt();
+    url = test != 0 ? testFileUploadUrl : releaseFileUploadUrl;
+    if (url.isEmpty())
+        url = kFileUploadUrl;  // one file service for both modes
+}
+
+void windows_information_imp::get_domain_manger_url(QString& url)
+{
+    url = kCdnBaseUrl;  // one content-delivery host serves both modes
+}
+
+int windows_information_imp::get_reconnect_intval() { return systemSettings.value("connect_time", 20).toInt(); }
+
+int windows_information_imp::get_upload_files(QStringList& files)
+{
+    const int minimum = systemSettings.value("uploadintval", 1).toInt();
+    const QCoreApplication* app = QCoreApplication::instance();
+    // Without "start_time" the reference is invalid, every age is 0 and nothing is due by default.
+    const QDateTime reference = app ? app->property("start_time").toDateTime() : QDateTime();
+    const QDate referenceDay = reference.date();
+    // Every file is tested, not only up to the first young one.
+    for (const record_entry& record : records_oldest_first()) {
+        const qint64 age = record.day.daysTo(referenceDay);  // 0 when there is no reference
+        if (age < minimum)
+            continue;
+        const QString path = record_absolute_path(record);
+        qDebug() << "day_diff" << age << "upload file " << path;
+        files << path;
+    }
+    return files.size();
+}
+
+void windows_information_imp::clear_timeout_file()
+{
+    const int limit = systemSettings.value("remain", 30).toInt();
+    const QDate today = QDateTime::currentDateTime().date();
+    for (const record_entry& record : records_oldest_first()) {
+        if (record.day.daysTo(today) <= limit)
+            break;  // oldest first: every file after this one is younger
+        const QString path = record_absolute_path(record);
+        LOG(INFO) << "delete file " << path.toUtf8().constData();
+        QFile::remove(path);
+    }
+}
 
 }  // namespace information_api

@@ -8,6 +8,7 @@
 #include <QJsonObject>
 #include <QSettings>
 #include <QStringList>
+#include <QVariantMap>
 #include <QTemporaryDir>
 
 #include <mutex>
@@ -68,6 +69,15 @@ inline record_file read_record(const QString& path)
 {
     QSettings file(path, QSettings::IniFormat);
     return {file.value("data").toByteArray(), file.value("type").toString()};
+}
+
+// Writes an INI settings file (e.g. res/system.ini) holding `values` at top level.
+inline void write_ini(const QString& path, const QVariantMap& values)
+{
+    QSettings file(path, QSettings::IniFormat);
+    for (auto it = values.cbegin(); it != values.cend(); ++it)
+        file.setValue(it.key(), it.value());
+    file.sync();
 }
 
 // Record files in ./veltrainfo/, names only, sorted.
