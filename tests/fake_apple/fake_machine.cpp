@@ -105,12 +105,14 @@ std::unique_ptr<object> make_property(const fake_apple::property& p)
     return make_string(std::get<std::string>(p));
 }
 
+enum rule { created, copied };
+
 // Hands an object to the collector, which now owns one reference.
-const void* hand_out(std::unique_ptr<object> o)
+const void* hand_out(std::unique_ptr<object> o, rule how)
 {
     const object* raw = o.get();
     handed_out.emplace(raw, std::move(o));
-    ++book.cfObtained;
+    ++(how == created ? book.cfCreated : book.cfCopied);
     return raw;
 }
 
@@ -385,7 +387,7 @@ CFArrayRef CFLocaleCopyPreferredLanguages(void)
     auto array = make(array_type);
     for (const auto& language : *current.preferredLanguages)
         array->items.push_back(make_string(language));
-    return static_cast<CFArrayRef>(hand_out(std::move(array)));
+    return static_cast<CFArrayRef>(hand_out(std::move(array), copied));
 }
 
 // ---- sysctl and Mach ----
@@ -528,7 +530,7 @@ CGDisplayModeRef CGDisplayCopyDisplayMode(CGDirectDisplayID display)
     auto mode = make(display_mode_type);
     mode->modeWidth = d->modeWidth;
     mode->modePixelWidth = d->modePixelWidth;
-    return static_cast<CGDisplayModeRef>(const_cast<void*>(hand_out(std::move(mode))));
+    return static_cast<CGDisplayModeRef>(const_cast<void*>(hand_out(std::move(mode), copied)));
 }
 
 size_t CGDisplayModeGetWidth(CGDisplayModeRef mode)
@@ -588,7 +590,7 @@ CFDictionaryRef IODisplayCreateInfoDictionary(io_service_t framebuffer, IOOption
         info->items.push_back(make_string(kDisplayProductName));
         info->items.push_back(std::move(names));
     }
-    return static_cast<CFDictionaryRef>(hand_out(std::move(info)));
+    return static_cast<CFDictionaryRef>(hand_out(std::move(info), created));
 }
 
 // ---- IOKit registry ----
@@ -601,7 +603,7 @@ CFMutableDictionaryRef IOServiceMatching(const char* name)
     auto matching = make(dictionary_type);
     matching->items.push_back(make_string("IOProviderClass"));
     matching->items.push_back(make_string(name));
-    return static_cast<CFMutableDictionaryRef>(const_cast<void*>(hand_out(std::move(matching))));
+    return static_cast<CFMutableDictionaryRef>(const_cast<void*>(hand_out(std::move(matching), created)));
 }
 
 kern_return_t IOServiceGetMatchingServices(mach_port_t mainPort, CFDictionaryRef matching,
@@ -681,7 +683,7 @@ CFTypeRef IORegistryEntryCreateCFProperty(io_registry_entry_t entry, CFStringRef
         return nullptr;
     book.calls << QString("create %1 options %2").arg(QString::fromStdString(k->text)).arg(options);
     const fake_apple::property* p = entry_property(service->entry, k->text);
-    return p ? hand_out(make_property(*p)) : nullptr;
+    return p ? hand_out(make_property(*p), created) : nullptr;
 }
 
 CFTypeRef IORegistryEntrySearchCFProperty(io_registry_entry_t entry, const io_name_t plane,
@@ -701,7 +703,7 @@ CFTypeRef IORegistryEntrySearchCFProperty(io_registry_entry_t entry, const io_na
                          (options & kIORegistryIterateParents);
     for (int e = service->entry; e >= 0; e = current.registry.at(size_t(e)).parent) {
         if (const fake_apple::property* p = entry_property(e, k->text))
-            return hand_out(make_property(*p));
+            return hand_out(make_property(*p), created);
         if (!upwards)
             break;
     }

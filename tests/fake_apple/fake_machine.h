@@ -70,7 +70,8 @@ struct machine {
 void install(const machine& m);
 
 struct ledger_t {
-    int cfObtained = 0;  // objects handed out by Create and Copy functions
+    int cfCreated = 0;  // objects handed out by Create-rule functions
+    int cfCopied = 0;   // ... and by Copy-rule functions
     int cfReleased = 0;
     int cfLive = 0;
     int ioObtained = 0;  // iterators and services handed out by IOKit
