@@ -1,0 +1,105 @@
+// A local collection service: answers the library's requests like the real service does, keeps
+// every request it received for inspection, and can be told to misbehave. The tests start one
+// in-process; information_devserver wraps it as a stand-alone development server.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace collection {
+
+// One part of a multipart/form-data body as the service parsed it.
+struct received_part {
+    std::string name;
+    std::string filename;
+    std::string content_type;
+    std::vector<std::pair<std::string, std::string>> headers;  // the part's own headers, in order
+    std::string content;     // the part's bytes (kept up to service_options::keep_limit)
+    std::uint64_t size = 0;  // the part's full size
+};
+
+// One request as it arrived.
+struct received_request {
+    std::string method;
+    std::string target;  // path and query exactly as on the request line: "/dtta?type=usage"
+    std::string path;    // the target up to its first '?'
+    std::vector<std::pair<std::string, std::string>> headers;  // in the order received
+    std::string body;        // the body's bytes (kept up to service_options::keep_limit)
+    std::uint64_t body_size = 0;
+    std::vector<received_part> parts;  // filled for multipart/form-data bodies
+    std::chrono::steady_clock::time_point at;
+
+    // First value of a header, case-insensitive name; empty when absent.
+    std::string header(const std::string& name) const;
+    bool has_header(const std::string& name) const;
+    // How often a header occurs (case-insensitive name).
+    int header_count(const std::string& name) const;
+};
+
+// What the service does with one request.
+struct reply {
+    int status = 200;
+    std::string content_type = "application/json";
+    std::string body;
+    std::vector<std::pair<std::string, std::string>> headers;  // extra response headers
+    std::chrono::milliseconds delay{0};  // wait this long before answering
+    bool silent = false;        // accept the request and never answer (until release_silent/stop)
+    bool reset_midway = false;  // send the headers and half the body, then reset the connection
+    std::size_t chunk_size = 0; // > 0: send the body in chunks of this size, flushed one by one
+    std::chrono::milliseconds chunk_pause{0};  // pause between chunks
+};
+
+struct service_options {
+    bool tls = true;          // HTTPS with a self-signed certificate; false: plain HTTP
+    bool tls13_only = false;  // refuse every protocol below TLS 1.3 (a TLS 1.2 client fails)
+    std::string host = "127.0.0.1";
+    int port = 0;             // 0: the system picks one
+    // Holds cert.pem and key.pem (created on first start, reused after) and the files served:
+    // data_dir/software/<name>/interface.json and data_dir/files/<path> (installers).
+    // Empty: a private temporary directory removed with the service.
+    std::string data_dir;
+    std::size_t keep_limit = 16u << 20;  // bytes of a body or part kept for inspection
+};
+
+class collection_service {
+public:
+    // Decides a request's answer; std::nullopt means "answer like the real service".
+    using script = std::function<std::optional<reply>(const received_request&)>;
+
+    explicit collection_service(service_options options = {});
+    ~collection_service();  // stop()
+    collection_service(const collection_service&) = delete;
+    collection_service& operator=(const collection_service&) = delete;
+
+    bool start();                      // binds and serves on a background thread; false on failure
+    void stop();                       // ends silent requests, stops serving, joins; idempotent
+    const std::string& error() const;  // why start() failed
+    int port() const;
+    std::string base_url() const;      // "https://127.0.0.1:<port>" (http:// without TLS)
+    const std::string& data_dir() const;
+
+    void set_script(script s);           // replaces the previous script; empty: real behaviour
+    void answer_all(const reply& r);     // every request gets r
+    void release_silent();               // silent requests end now: the connection is closed
+
+    std::vector<received_request> received() const;
+    std::size_t received_count() const;
+    bool wait_for_requests(std::size_t count, std::chrono::milliseconds timeout) const;
+    void clear_received();
+
+private:
+    struct impl;
+    std::unique_ptr<impl> d_;
+};
+
+// The application ids the real service accepts in X-Auth-AppID.
+extern const char* const kTestAppId;
+extern const char* const kReleaseAppId;
+
+}  // namespace collection
