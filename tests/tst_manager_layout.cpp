@@ -1,5 +1,8 @@
 // Guards the manager's binary layout: hosts built against it call virtual operations by slot and
 // read data members by offset, so neither may move.
+#include <information_api/http.h>
+#include <information_api/information_api.h>
+#include <information_api/json_handler.h>
 #include <information_api/windows_information_imp.h>
 
 #include <QtTest>
@@ -37,6 +40,7 @@ private slots:
     void data_members_data();
     void data_members();
     void scan_info_members();
+    void transport_types();
 };
 
 void tst_manager_layout::virtual_slots_data()
@@ -177,6 +181,39 @@ void tst_manager_layout::scan_info_members()
                                  offset_in(mode, mode.modular), long(sizeof mode)};
     for (int i = 0; i < 8; ++i)
         QCOMPARE(mode_offsets[i], long(8 * i));
+}
+
+void tst_manager_layout::transport_types()
+{
+    // The sink is implemented by hosts: its operations are called by slot.
+    QCOMPARE(vtable_slot(&information_sink::on_response), 2L);
+    QCOMPARE(vtable_slot(&information_sink::on_download_progress), 3L);
+    QCOMPARE(vtable_slot(&information_sink::on_download_finished), 4L);
+    QCOMPARE(vtable_slot(&json_handler::operator()), 2L);
+    QCOMPARE(vtable_slot(&json_handler::processing), 3L);
+    // QObject's eleven virtual entries (two destructors among them) and QThread::run come first.
+    QCOMPARE(vtable_slot(&api_thread::run), 12L);
+    QCOMPARE(vtable_slot(&api_thread::start), 13L);
+    QCOMPARE(vtable_slot(&api_thread::stop), 14L);
+
+    response_info_t r;
+    const long record[] = {offset_in(r, r.ok), offset_in(r, r.msg), offset_in(r, r.ret),
+                           offset_in(r, r.net_error), offset_in(r, r.result),
+                           offset_in(r, r.content), long(sizeof r)};
+    const long expected_record[] = {0, 8, 16, 20, 24, 32, 48};
+    for (int i = 0; i < 7; ++i)
+        QCOMPARE(record[i], expected_record[i]);
+    QCOMPARE(QMetaType::typeName(qMetaTypeId<response_info_t>()), "information_api::response_info_t");
+
+    http_connector c(0, nullptr, nullptr);
+    const long fields[] = {offset_in(c, c.rt_), offset_in(c, c.timer_), offset_in(c, c.manager),
+                           offset_in(c, c.request_), offset_in(c, c.reply_),
+                           offset_in(c, c.bytes_received_), offset_in(c, c.last_activity_),
+                           offset_in(c, c.sink_), offset_in(c, c.id_), offset_in(c, c.handler_),
+                           offset_in(c, c.file_path_), long(sizeof c)};
+    const long expected_fields[] = {16, 24, 32, 40, 48, 56, 64, 72, 80, 88, 96, 104};
+    for (int i = 0; i < 12; ++i)
+        QCOMPARE(fields[i], expected_fields[i]);
 }
 
 int main(int argc, char** argv)

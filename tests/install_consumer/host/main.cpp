@@ -12,12 +12,13 @@ int main(int argc, char** argv)
     QCoreApplication app(argc, argv);
     if (argc < 2 || !QDir::setCurrent(argv[1]))
         return 2;
-    information_api::VeltraInfoMgr* manager = new information_api::windows_information_imp;
+    information_api::VeltraInfoMgr* manager = information_api::information_init();
     manager->setSoftwareName("consumer");
     QString ple = "p.ple", version = "1", model = "m", modular = "";
     manager->create_usage_inifo("", ple, version, model, modular, 0);
     const QString path = static_cast<information_api::windows_information_imp*>(manager)->usageFilePath;
-    delete manager;
+    if (information_api::release_connect(1) != -1 || information_api::information_clean() != 0)
+        return 3;
     if (!QFile::exists(path))
         return 1;
     std::printf("\nusage record: %s\n", qPrintable(path));

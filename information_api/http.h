@@ -1,0 +1,103 @@
+// The library's worker thread and its connections.
+//
+// One http_connector serves one public request: the entry point creates it on the caller's
+// thread, issues the request there, then moves it (with its timer, manager and reply) to the
+// worker thread, where all of its slots run and the sink is called.
+#pragma once
+
+#include <information_api/information_api.h>
+
+#include <QList>
+#include <QNetworkReply>
+#include <QNetworkRequest>
+#include <QObject>
+#include <QSslError>
+#include <QString>
+#include <QThread>
+
+#include <map>
+#include <string>
+
+class QHttpPart;
+class QNetworkAccessManager;
+class QTimer;
+class tst_http_connector;
+class tst_manager_layout;
+
+// One text field of a multipart form.
+QHttpPart part_parameter(QString name, QString value);
+
+namespace information_api {
+
+class json_handler;
+
+class api_thread : public QThread {
+    Q_OBJECT
+public:
+    api_thread();
+    void run() override;
+    virtual int start();
+    virtual int stop();  // quits the event loop and waits, without limit, for the thread to end
+};
+
+class http_connector : public QObject {
+    Q_OBJECT
+public:
+    http_connector(int id, information_sink* sink, QObject* parent);
+    ~http_connector() override;
+
+    // POSTs `body` (UTF-8) to base_url + path [+ "/" + sub_path] + "?k=v" per query entry.
+    void send_request(const std::string& path, const QString& body,
+                      const std::map<std::string, std::string>& query, int timeout_ms,
+                      const std::string& sub_path, bool flag,
+                      const std::map<std::string, std::string>& headers,
+                      const std::string& base_url);
+    int send_multipart_request(const QString& path, const QString& file_path,
+                               const std::map<QString, QString>& fields,
+                               const std::map<QString, QString>& headers, int timeout_ms,
+                               const QString& base_url);
+    int get_json_file(QString url, int timeout_ms);
+    void downloadAppFile(QString url, QString file_path);
+    bool installNewApp();
+    json_handler* choose_handler(const std::string& name);
+
+signals:
+    void finished();
+
+public slots:
+    void replyFinished(QNetworkReply* reply);
+    void replyDownload(QNetworkReply* reply);
+    void timeout_event();
+    void http_ready_read();
+    void update_data_read_progress(qint64 received, qint64 total);
+    void update_data_write_progress(qint64 sent, qint64 total);
+    void error(QNetworkReply::NetworkError code);
+    void sslErrors(const QList<QSslError>& errors);
+    void slot_onDownLoadFileReadyRead();
+    void slot_onDownLoadFileError(QNetworkReply::NetworkError code);
+    void slot_onDownLoadFileSSLError(const QList<QSslError>& errors);
+    void slot_onDownLoadFileDownloadProgress(qint64 received, qint64 total);
+    void slot_onDownLoadFileFinished();
+
+private:
+    void start_timeout(int timeout_ms);
+    void report_network_error(QNetworkReply* reply);
+    QString download_temp_path() const;
+
+    int rt_ = 0;
+    QTimer* timer_ = nullptr;
+    QNetworkAccessManager* manager = nullptr;
+    QNetworkRequest request_;
+    QNetworkReply* reply_ = nullptr;
+    qint64 bytes_received_ = 0;
+    double last_activity_ = 0;
+    information_sink* sink_ = nullptr;
+    int id_ = 0;
+    json_handler* handler_ = nullptr;
+    QString file_path_;
+
+    friend class ::tst_http_connector;
+    friend class ::tst_manager_layout;
+};
+
+}  // namespace information_api

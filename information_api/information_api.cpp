@@ -1,0 +1,149 @@
+#include "information_api/information_api.h"
+
+#include "information_api/http.h"
+
+#include <glog/logging.h>
+
+#include <QDebug>
+#include <QNetworkAccessManager>
+#include <QSslConfiguration>
+
+#include <cstdlib>
+#include <ctime>
+
+namespace information_api {
+
+api_thread* g_api_thread = nullptr;
+VeltraInfoMgr* g_information = nullptr;
+std::map<int, http_connector*> g_conn_manager;
+
+information_sink::~information_sink() = default;
+
+namespace {
+
+// The first network access manager of a process loads Qt's bearer plugins and the first TLS
+// configuration loads OpenSSL, milliseconds each. Pay both on the worker thread now rather than
+// in the host's first upload call.
+void warm_network_stack(QThread* thread)
+{
+    auto* context = new QObject;
+    context->moveToThread(thread);
+    QMetaObject::invokeMethod(context, [context] {
+        { QNetworkAccessManager warm_up; }
+        QSslConfiguration::defaultConfiguration();
+        context->deleteLater();
+    }, Qt::QueuedConnection);
+}
+
+// A connection is created and registered on the caller's thread; an id already in use is taken
+// over by the new connector (the earlier one keeps running, unreachable).
+http_connector* open_connection(int id, information_sink* sink)
+{
+    auto* connector = new http_connector(id, sink, nullptr);
+    g_conn_manager[id] = connector;
+    return connector;
+}
+
+// After its request has been issued, the connector lives on the worker thread.
+void hand_over(http_connector* connector)
+{
+    if (g_api_thread)
+        connector->moveToThread(g_api_thread);
+}
+
+}  // namespace
+
+VeltraInfoMgr* information_init()
+{
+    if (!g_api_thread) {
+        g_api_thread = new api_thread;
+        g_api_thread->start();
+        warm_network_stack(g_api_thread);
+    }
+    if (g_information)
+        return g_information;
+    g_information = new windows_information_imp;
+    return g_information;
+}
+
+int information_clean()
+{
+    for (auto& entry : g_conn_manager)
+        entry.second->deleteLater();
+    g_conn_manager.clear();
+    if (g_api_thread) {
+        g_api_thread->stop();
+        g_api_thread->deleteLater();
+        g_api_thread = nullptr;
+    }
+    if (g_information) {
+        delete g_information;
+        g_information = nullptr;
+    }
+    return 0;
+}
+
+int release_connect(int id)
+{
+    if (g_conn_manager.empty())
+        return -1;
+    const auto it = g_conn_manager.lower_bound(id);
+    if (it == g_conn_manager.end() || it->first != id)
+        return -1;
+    it->second->deleteLater();
+    g_conn_manager.erase(it);
+    return 0;
+}
+
+int upload_information(const QString& base_url, const QString& body, const QString& app_id,
+                       const QString& type, information_sink* sink, int id, int timeout)
+{
+    http_connector* connector = open_connection(id, sink);
+    const std::map<std::string, std::string> query{{"type", type.toStdString()}};
+    const std::map<std::string, std::string> headers{{"X-Auth-AppID", app_id.toStdString()}};
+    connector->send_request("", body, query, timeout, "", true, headers, base_url.toStdString());
+    hand_over(connector);
+    return 0;
+}
+
+int upload_file(const QString& base_url, const QString& file_path, const QString& app_id,
+                const QString& /*extra*/, information_sink* sink, const int id, int timeout)
+{
+    http_connector* connector = open_connection(id, sink);
+    const QString suffix = QStringLiteral("?category=feedback&bucket=pub");
+    const std::map<QString, QString> headers{{QStringLiteral("X-Auth-AppID"), app_id}};
+    qDebug() << "upload_file" << "url_post : " << suffix;
+    const int ret = connector->send_multipart_request(suffix, file_path, {}, headers, timeout,
+                                                      base_url);
+    qDebug() << "upload_file ret : " << ret;
+    LOG(INFO) << "send_multipart_request ret=" << ret;
+    hand_over(connector);
+    return 0;
+}
+
+int get_url_json_file(const QString& base_url, const QString& software, information_sink* sink,
+                      const int id, int timeout)
+{
+    http_connector* connector = open_connection(id, sink);
+    srand(unsigned(time(nullptr)));
+    const int drawn = rand();
+    // "t" only defeats caches between the host and the content host.
+    const QString path = QStringLiteral("/software/%1/interface.json?t=%2")
+                             .arg(software, QString::number(drawn % 1000));
+    const QString full_url = base_url + path;
+    qDebug() << "post_url=" << full_url;
+    LOG(INFO) << " get_url_json_file full_url=" << full_url.toUtf8().constData();
+    connector->get_json_file(full_url, timeout);
+    hand_over(connector);
+    return 0;
+}
+
+int downLoadApp(int id, information_sink* sink, const QString& url, const QString& file_path)
+{
+    http_connector* connector = open_connection(id, sink);
+    connector->downloadAppFile(url, file_path);
+    hand_over(connector);
+    return 0;
+}
+
+}  // namespace information_api
