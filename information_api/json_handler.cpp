@@ -5,7 +5,9 @@
 #include <glog/logging.h>
 
 #include <QDebug>
+#include <QJsonArray>
 #include <QJsonDocument>
+#include <QJsonObject>
 #include <QJsonParseError>
 #include <QNetworkReply>
 #include <QNetworkRequest>
@@ -75,6 +77,13 @@ pt::ptree parse_service_answer(const std::string& body)
     pt::ptree tree;
     pt::read_json(in, tree);
     return tree;
+}
+
+// An empty array or object counts as empty too: there is nothing in it to configure with.
+bool is_empty_document(const QJsonDocument& document)
+{
+    return document.isEmpty() || (document.isArray() && document.array().isEmpty()) ||
+           (document.isObject() && document.object().isEmpty());
 }
 
 void log_parse_exception(const std::string& body)
@@ -165,14 +174,14 @@ json_handler::return_type get_url_json_file_handler::operator()(QNetworkReply* r
         QJsonParseError error;
         const QJsonDocument document = QJsonDocument::fromJson(bytes, &error);
         qDebug() << "parse_error" << error.errorString();
-        if (!document.isEmpty() && !document.isNull()) {
+        if (!is_empty_document(document) && !document.isNull()) {
             qDebug() << "ok" << error.errorString();
-            LOG(INFO) << " json parse result : isEmpty=" << document.isEmpty()
+            LOG(INFO) << " json parse result : isEmpty=" << is_empty_document(document)
                       << "isNull=" << document.isNull() << "isArray=" << document.isArray();
             status = "success";
             info.content = QVariant::fromValue(document);
         } else {
-            LOG(WARNING) << "error: json parse error : isEmpty=" << document.isEmpty()
+            LOG(WARNING) << "error: json parse error : isEmpty=" << is_empty_document(document)
                          << "isNull=" << document.isNull();
             qDebug() << "failed" << error.errorString();
         }
@@ -185,7 +194,7 @@ json_handler::return_type get_url_json_file_handler::operator()(QNetworkReply* r
     if (sink_) {
         const QVariant wrapped = QVariant::fromValue(info);
         const QJsonDocument document = wrapped.value<response_info_t>().content.toJsonDocument();
-        LOG(INFO) << " json  pram   : isEmpty=" << document.isEmpty()
+        LOG(INFO) << " json  pram   : isEmpty=" << is_empty_document(document)
                   << "isNull=" << document.isNull() << "isArray=" << document.isArray();
         sink_->on_response(id_, wrapped);
     }

@@ -19,7 +19,6 @@ struct received_part {
     std::string name;
     std::string filename;
     std::string content_type;
-    std::vector<std::pair<std::string, std::string>> headers;  // the part's own headers, in order
     std::string content;     // the part's bytes (kept up to service_options::keep_limit)
     std::uint64_t size = 0;  // the part's full size
 };
@@ -65,6 +64,10 @@ struct service_options {
     // Empty: a private temporary directory removed with the service.
     std::string data_dir;
     std::size_t keep_limit = 16u << 20;  // bytes of a body or part kept for inspection
+    std::size_t threads = 128;  // requests served at once (silent ones hold a thread each)
+    // Keep what the service accepted: records as data_dir/received/<n>-<type>.json, files as
+    // data_dir/uploads/<dfs_id>-<filename>.
+    bool store_received = false;
 };
 
 class collection_service {
