@@ -3,10 +3,10 @@
 #include "net_support.h"
 
 #include <QProcess>
+#include <QtTest>
 
 #include <atomic>
 #include <set>
-#include <QtTest>
 
 using namespace test_support;
 
