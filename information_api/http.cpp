@@ -4,7 +4,6 @@
 
 #include <glog/logging.h>
 
-#include <QAbstractEventDispatcher>
 #include <QDebug>
 #include <QDeadlineTimer>
 #include <QFile>
@@ -136,15 +135,13 @@ json_handler* http_connector::choose_handler(const std::string&)
 
 void http_connector::start_timeout(int timeout_ms)
 {
-    // A host thread that Qt did not start has no event dispatcher, and a timer started there
-    // never fires. Start it instead once the connector has reached the thread it will live on:
-    // the queued call travels with the timer when the connector is moved.
-    if (QAbstractEventDispatcher::instance()) {
-        timer_->start(timeout_ms);
-    } else {
-        timer_->setInterval(timeout_ms);
-        QMetaObject::invokeMethod(timer_, qOverload<>(&QTimer::start), Qt::QueuedConnection);
-    }
+    // The timer starts on the thread the connector ends up on, once it has arrived there (the
+    // queued call travels with the timer when the connector is moved). Started on the caller's
+    // thread instead, it would never fire on a host thread that Qt did not start (no event
+    // dispatcher), and a timer moved while running leaves Qt's re-registration behind if the
+    // worker stops first.
+    timer_->setInterval(timeout_ms);
+    QMetaObject::invokeMethod(timer_, qOverload<>(&QTimer::start), Qt::QueuedConnection);
 }
 
 void http_connector::send_request(const std::string& path, const QString& body,
@@ -311,8 +308,7 @@ int http_connector::send_multipart_request(const QString& path, const QString& f
     body->setParent(reply);
     connect(reply, SIGNAL(uploadProgress(qint64, qint64)), this,
             SLOT(update_data_write_progress(qint64, qint64)));
-    if (timer_ && !timer_->isActive())
-        start_timeout(timeout_ms);
+    start_timeout(timeout_ms);
     return 0;
 }
 
@@ -339,8 +335,7 @@ int http_connector::get_json_file(QString url, int timeout_ms)
             SLOT(sslErrors(const QList<QSslError>&)));
     connect(reply_, SIGNAL(downloadProgress(qint64, qint64)), this,
             SLOT(update_data_read_progress(qint64, qint64)));
-    if (timer_ && !timer_->isActive())
-        start_timeout(timeout_ms);
+    start_timeout(timeout_ms);
     return 0;
 }
 

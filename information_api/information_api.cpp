@@ -22,17 +22,14 @@ information_sink::~information_sink() = default;
 namespace {
 
 // The first network access manager of a process loads Qt's bearer plugins and the first TLS
-// configuration loads OpenSSL, milliseconds each. Pay both on the worker thread now rather than
-// in the host's first upload call.
+// configuration loads OpenSSL, milliseconds each. The worker thread pays both as it starts, so
+// that no host call does.
 void warm_network_stack(QThread* thread)
 {
-    auto* context = new QObject;
-    context->moveToThread(thread);
-    QMetaObject::invokeMethod(context, [context] {
+    QObject::connect(thread, &QThread::started, [] {
         { QNetworkAccessManager warm_up; }
         QSslConfiguration::defaultConfiguration();
-        context->deleteLater();
-    }, Qt::QueuedConnection);
+    });
 }
 
 // A connection is created and registered on the caller's thread; an id already in use is taken
@@ -57,8 +54,8 @@ VeltraInfoMgr* information_init()
 {
     if (!g_api_thread) {
         g_api_thread = new api_thread;
-        g_api_thread->start();
         warm_network_stack(g_api_thread);
+        g_api_thread->start();
     }
     if (g_information)
         return g_information;

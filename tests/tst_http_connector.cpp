@@ -314,5 +314,5 @@ void tst_http_connector::release_frees_the_connector()
     QVERIFY(g_conn_manager.empty());
 }
 
-QTEST_MAIN(tst_http_connector)
+QTEST_GUILESS_MAIN(tst_http_connector)
 #include "tst_http_connector.moc"

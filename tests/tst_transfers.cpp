@@ -359,5 +359,5 @@ void tst_transfers::download()
         QCOMPARE(progress.back().first, progress.back().second);
 }
 
-QTEST_MAIN(tst_transfers)
+QTEST_GUILESS_MAIN(tst_transfers)
 #include "tst_transfers.moc"

@@ -135,5 +135,5 @@ void tst_uploader::service_dying_mid_run_loses_nothing()
     QCOMPARE(bodies.size(), std::size_t(8));
 }
 
-QTEST_MAIN(tst_uploader)
+QTEST_GUILESS_MAIN(tst_uploader)
 #include "tst_uploader.moc"
