@@ -56,7 +56,6 @@ private slots:
     void timeout_repeats_until_released();
     void timeout_works_from_a_thread_qt_did_not_start();
     void registry();
-    void clean_with_requests_in_flight();
     void thousand_in_flight();
     void release_frees_the_connector();
 };
@@ -254,33 +253,6 @@ void tst_http_connector::registry()
     QVERIFY(g_conn_manager.empty() && !g_api_thread && !g_information);
     QVERIFY(information_init());  // the library can start again
     QCOMPARE(information_clean(), 0);
-}
-
-void tst_http_connector::clean_with_requests_in_flight()
-{
-    scoped_working_dir dir;
-    information_init();
-    auto service = start_service();
-    service->set_script([](const collection::received_request& request) -> std::optional<collection::reply> {
-        if (request.target.find("type=slow") != std::string::npos) {
-            collection::reply slow = json_reply(R"({"status":"success"})");
-            slow.delay = std::chrono::milliseconds(100);
-            return slow;
-        }
-        return silence();
-    });
-    recording_sink sink;
-    for (int id = 0; id < 100; ++id)
-        upload_information(record_url(*service), "{}", kAppId, id % 2 ? "slow" : "silent", &sink, id, 20);
-    QTRY_VERIFY(sink.total() >= 100);  // time-outs and answers are arriving
-
-    QThread* worker = g_api_thread;
-    QCOMPARE(information_clean(), 0);
-    const std::size_t reported = sink.total();
-    QVERIFY(worker->isFinished());  // no thread is left that could call the sink
-    service->release_silent();
-    QCoreApplication::processEvents();
-    QCOMPARE(sink.total(), reported);
 }
 
 void tst_http_connector::thousand_in_flight()

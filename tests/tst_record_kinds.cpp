@@ -9,11 +9,11 @@
 #include <memory>
 
 using namespace information_api;
+using test_support::kind;
 using test_support::read_record;
+using test_support::write_kind;
 
 namespace {
-
-enum class kind { usage, calibration, share, structured_scan, flat_scan, feedback, score };
 
 QString utc_now() { return QDateTime::currentDateTimeUtc().toString("yyyy-MM-ddThh:mm:ssZ"); }
 
@@ -25,55 +25,6 @@ QJsonValue at(QJsonValue value, const QString& path)
     for (const QString& step : path.split('/'))
         value = value.isArray() ? value.toArray().at(step.toInt()) : value.toObject().value(step);
     return value;
-}
-
-// Writes one record of kind `k` carrying `text` in the field that the round-trip rows name, and
-// `pls` / `modular` as the module description where the builder takes them.
-// Returns the path the builder reports (void builders: the one file in ./veltrainfo/).
-QString write_kind(windows_information_imp& m, kind k, QString text, QStringList pls = {}, QString modular = "M")
-{
-    QString ver = "3.1", ple = "dev.ple", model = "K300", start = "S", end = "E", empty;
-    switch (k) {
-    case kind::usage:
-        m.create_usage_inifo(QString(), ple, ver, model, text, 0);
-        return m.usageFilePath;
-    case kind::calibration: {
-        QStringList mods{"m1"}, classes{"c1"}, starts{"s1"}, ends{"e1"}, results{text};
-        m.create_calibrate_inifo(mods, ver, ple, model, modular, pls, start, end, classes, starts, ends, results, 1);
-        break;
-    }
-    case kind::share: {
-        QString target = "wechat", name = "part.stl";
-        m.create_share_inifo(ple, model, modular, start, end, target, name, text, 0);
-        break;
-    }
-    case kind::structured_scan: {
-        _tag_scan_info info;
-        info.ple = ple;
-        info.modelName = model;
-        info.modular = modular;
-        info.startOn = start;
-        info.endOn = end;
-        info.fileName = text;
-        info.modularPles = pls;
-        m.add_scan_info(info, 0);
-        break;
-    }
-    case kind::flat_scan: {
-        QString v = "v";
-        m.create_scan_inifo(v, v, v, text, v, v, v, v, v, v, v, v, v, v, v, "9", 1);
-        break;
-    }
-    case kind::feedback: {
-        QString email = "a@b.c", industry = "dental";
-        QStringList attachs;
-        return m.create_userfeedback_info(ple, ver, model, modular, pls, 0, email, industry, text, attachs);
-    }
-    case kind::score:
-        return m.add_user_score("5", ple, ver, model, modular, text, 0);
-    }
-    const QStringList files = test_support::record_files();
-    return files.size() == 1 ? "./veltrainfo/" + files.first() : QString();
 }
 
 QtMessageHandler previous_handler = nullptr;
