@@ -1,0 +1,277 @@
+// What an upload costs the host: the caller's time per upload_information call, the throughput
+// against libcurl over the same loopback HTTPS service, and memory per connection and over many
+// upload-and-release cycles. Each figure comes with its baseline from the same run.
+#include <information_api/information_api.h>
+#include <tools/collection_service/collection_service.h>
+
+#include <benchmark/benchmark.h>
+#include <curl/curl.h>
+#include <glog/logging.h>
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QEventLoop>
+#include <QNetworkAccessManager>
+#include <QNetworkReply>
+#include <QTemporaryDir>
+#include <QThread>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <fstream>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+using namespace information_api;
+
+namespace {
+
+using steady = std::chrono::steady_clock;
+const char* const kAppId = "a0f4c9e27d5b3816c4e9a7d2f05b68c1";
+const QString kRecord = QString(R"({"seriaNum":"SN-0001","softwareName":"ExampleScan","tracingType":"usage","pad":"%1"})")
+                            .arg(QString(600, 'x'));
+
+double micros(steady::duration d) { return std::chrono::duration<double, std::micro>(d).count(); }
+
+double percentile(std::vector<double> samples, double p)
+{
+    std::sort(samples.begin(), samples.end());
+    return samples[std::min(samples.size() - 1, std::size_t(p * double(samples.size())))];
+}
+
+long rss_kib()
+{
+    std::ifstream status("/proc/self/status");
+    std::string key;
+    long value = 0;
+    while (status >> key) {
+        if (key == "VmRSS:") {
+            status >> value;
+            return value;
+        }
+        status.ignore(1 << 10, '\n');
+    }
+    return 0;
+}
+
+collection::collection_service& service()
+{
+    static collection::collection_service s = [] {
+        collection::service_options options;
+        options.keep_limit = 4096;
+        return collection::collection_service(options);
+    }();
+    return s;
+}
+
+QString record_url() { return QString::fromStdString(service().base_url() + "/dtta"); }
+
+// Hands each report to the benchmark's thread, where the next upload is issued.
+class driver : public information_sink {
+public:
+    std::function<void(int, bool)> on_report;
+    void on_response(int id, QVariant result) override
+    {
+        const bool ok = result.value<response_info_t>().ok;
+        QMetaObject::invokeMethod(QCoreApplication::instance(), [this, id, ok] { on_report(id, ok); },
+                                  Qt::QueuedConnection);
+    }
+    void on_download_progress(qint64, qint64) override {}
+    void on_download_finished(bool, int, int) override {}
+};
+
+// Uploads `count` records with `in_flight` connections open at once; returns records per second.
+double library_rate(int count, int in_flight, int* failures = nullptr)
+{
+    driver sink;
+    QEventLoop loop;
+    int next = 0, done = 0, failed = 0;
+    const auto issue = [&] { upload_information(record_url(), kRecord, kAppId, "usage", &sink, next, 30000); ++next; };
+    sink.on_report = [&](int id, bool ok) {
+        if (release_connect(id) != 0)
+            return;  // a repeated report of a failure
+        failed += ok ? 0 : 1;
+        if (++done == count)
+            loop.quit();
+        else if (next < count)
+            issue();
+    };
+    const auto start = steady::now();
+    while (next < std::min(count, in_flight))
+        issue();
+    loop.exec();
+    if (failures)
+        *failures = failed;
+    return count / std::chrono::duration<double>(steady::now() - start).count();
+}
+
+// The same POSTs through libcurl, a fresh connection each, from `in_flight` threads.
+double curl_rate(int count, int in_flight)
+{
+    const std::string url = service().base_url() + "/dtta?type=usage";
+    const std::string body = kRecord.toStdString();
+    std::atomic<int> next{0};
+    const auto worker = [&] {
+        curl_slist* headers = curl_slist_append(nullptr, "Content-Type: application/json;charset=utf-8");
+        headers = curl_slist_append(headers, (std::string("X-Auth-AppID: ") + kAppId).c_str());
+        while (next++ < count) {
+            CURL* curl = curl_easy_init();
+            curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+            curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body.c_str());
+            curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
+            curl_easy_setopt(curl, CURLOPT_SSL_VERIFYPEER, 0L);
+            curl_easy_setopt(curl, CURLOPT_SSL_VERIFYHOST, 0L);
+            curl_easy_setopt(curl, CURLOPT_SSLVERSION, CURL_SSLVERSION_TLSv1_2 | CURL_SSLVERSION_MAX_TLSv1_2);
+            curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, +[](char*, size_t size, size_t n, void*) { return size * n; });
+            curl_easy_perform(curl);
+            curl_easy_cleanup(curl);
+        }
+        curl_slist_free_all(headers);
+    };
+    const auto start = steady::now();
+    std::vector<std::thread> threads;
+    for (int i = 0; i < in_flight; ++i)
+        threads.emplace_back(worker);
+    for (auto& t : threads)
+        t.join();
+    return count / std::chrono::duration<double>(steady::now() - start).count();
+}
+
+// The caller's side of upload_information, against a bare QNetworkAccessManager post of the
+// same request on the same thread (what any Qt host pays at least). One request at a time, each
+// waited for, so that the figures are the call's own and not the other core's load.
+void BM_upload_call(benchmark::State& state)
+{
+    std::vector<double> calls, bare;
+    double first_call = 0;
+    driver sink;
+    QEventLoop loop;
+    sink.on_report = [&](int id, bool) {
+        release_connect(id);
+        loop.quit();
+    };
+    for (auto _ : state) {
+        information_init();
+        QThread::msleep(100);  // a host's first upload comes long after start-up
+        for (int i = 0; i < 300; ++i) {
+            auto start = steady::now();
+            upload_information(record_url(), kRecord, kAppId, "usage", &sink, i, 30000);
+            const double us = micros(steady::now() - start);
+            if (i == 0)
+                first_call = us;
+            else
+                calls.push_back(us);
+            loop.exec();
+
+            start = steady::now();
+            QNetworkAccessManager manager;
+            QNetworkRequest request(QUrl(record_url() + "?type=usage"));
+            request.setHeader(QNetworkRequest::ContentTypeHeader, "application/json;charset=utf-8");
+            request.setRawHeader("X-Auth-AppID", kAppId);
+            QNetworkReply* reply = manager.post(request, kRecord.toUtf8());
+            bare.push_back(micros(steady::now() - start));
+            QObject::connect(reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);
+            loop.exec();
+        }
+        information_clean();
+        state.SetIterationTime(first_call * 1e-6);
+    }
+    state.counters["first_call_us"] = first_call;
+    state.counters["median_us"] = percentile(calls, 0.5);
+    state.counters["p99_us"] = percentile(calls, 0.99);
+    state.counters["bare_post_median_us"] = percentile(bare, 0.5);
+    state.counters["median_ratio"] = percentile(calls, 0.5) / percentile(bare, 0.5);
+}
+
+void BM_throughput(benchmark::State& state)
+{
+    const int in_flight = int(state.range(0));
+    const int count = 1000;
+    double library = 0, curl = 0;
+    int failures = 0;
+    information_init();
+    for (auto _ : state) {
+        curl = curl_rate(count, in_flight);
+        library = library_rate(count, in_flight, &failures);
+        state.SetIterationTime(count / library);
+    }
+    information_clean();
+    state.counters["library_per_s"] = library;
+    state.counters["curl_per_s"] = curl;
+    state.counters["ratio"] = library / curl;
+    state.counters["failures"] = failures;
+}
+
+void BM_memory(benchmark::State& state)
+{
+    information_init();
+    for (auto _ : state) {
+        // Connections held open: the service keeps every request unanswered.
+        collection::reply silent;
+        silent.silent = true;
+        service().answer_all(silent);
+        driver sink;
+        sink.on_report = [](int, bool) {};
+        const int open = 100;
+        const long before_open = rss_kib();
+        for (int id = 0; id < open; ++id)
+            upload_information(record_url(), kRecord, kAppId, "usage", &sink, id, 60000);
+        while (service().received_count() < std::size_t(open))
+            QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+        const double per_connection_kib = double(rss_kib() - before_open) / open;
+        for (int id = 0; id < open; ++id)
+            release_connect(id);
+        service().release_silent();
+        service().set_script(nullptr);
+
+        // Upload-and-release cycles: growth between the first thousand and the ten thousandth.
+        library_rate(1000, 16);
+        service().clear_received();
+        const long after_warm_up = rss_kib();
+        for (int round = 0; round < 9; ++round) {
+            library_rate(1000, 16);
+            service().clear_received();
+        }
+        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+        const long after_cycles = rss_kib();
+        state.counters["rss_per_connection_kib"] = per_connection_kib;
+        state.counters["rss_growth_10k_cycles_kib"] = double(after_cycles - after_warm_up);
+        state.counters["rss_after_warm_up_mib"] = after_warm_up / 1024.0;
+        state.SetIterationTime(1);
+    }
+    information_clean();
+}
+
+void discard_message(QtMsgType, const QMessageLogContext&, const QString&) {}
+
+}  // namespace
+
+BENCHMARK(BM_upload_call)->Iterations(1)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_throughput)->Arg(1)->Arg(16)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_memory)->Iterations(1)->UseManualTime();
+
+int main(int argc, char** argv)
+{
+    QCoreApplication app(argc, argv);
+    QTemporaryDir work(QDir::current().absoluteFilePath("upload-XXXXXX"));
+    QDir::setCurrent(work.path());
+    FLAGS_log_dir = work.path().toStdString();  // as in a host: glog writes to its files
+    google::InitGoogleLogging(argv[0]);
+    qInstallMessageHandler(discard_message);
+    curl_global_init(CURL_GLOBAL_DEFAULT);
+    if (!service().start()) {
+        std::fprintf(stderr, "collection service: %s\n", service().error().c_str());
+        return 1;
+    }
+
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    service().stop();
+    curl_global_cleanup();
+    google::ShutdownGoogleLogging();
+    return 0;
+}
