@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds the benchmarks (Release, build-bench/) and runs them in build-bench/run/, on the disk the
-# records would live on. Extra arguments go to Google Benchmark, e.g. --benchmark_filter=builder.
+# records would live on. Extra arguments go to every benchmark program, e.g.
+# --benchmark_filter=builder.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash tools/bootstrap.sh
@@ -9,4 +10,6 @@ cmake -S . -B build-bench -G Ninja -DCMAKE_BUILD_TYPE=Release -DINFORMATION_API_
 cmake --build build-bench
 mkdir -p build-bench/run
 cd build-bench/run
-../bench/bench_records "$@"
+for bench in ../bench/bench_*; do
+  if [ -f "$bench" ] && [ -x "$bench" ]; then "$bench" "$@"; fi
+done
