@@ -5,6 +5,8 @@
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -390,7 +392,16 @@ bool collection_service::start()
             return false;
         }
         const bool tls13_only = d.options.tls13_only;
+        const bool prompt_ack = d.options.prompt_ack;
         d.server = std::make_unique<httplib::SSLServer>([=](SSL_CTX& ctx) {
+            if (prompt_ack)
+                SSL_CTX_set_msg_callback(&ctx, [](int write_p, int, int content_type, const void*,
+                                                  size_t, SSL* ssl, void*) {
+                    if (!write_p && content_type == SSL3_RT_HEADER) {
+                        int yes = 1;  // not sticky: renewed for every record read
+                        setsockopt(SSL_get_fd(ssl), IPPROTO_TCP, TCP_QUICKACK, &yes, sizeof yes);
+                    }
+                });
             return SSL_CTX_use_certificate_chain_file(&ctx, cert.c_str()) == 1 &&
                    SSL_CTX_use_PrivateKey_file(&ctx, key.c_str(), SSL_FILETYPE_PEM) == 1 &&
                    (!tls13_only || SSL_CTX_set_min_proto_version(&ctx, TLS1_3_VERSION) == 1);

@@ -64,6 +64,10 @@ struct service_options {
     // Empty: a private temporary directory removed with the service.
     std::string data_dir;
     std::size_t keep_limit = 16u << 20;  // bytes of a body or part kept for inspection
+    // Acknowledge every TLS record at once instead of Linux's delayed acknowledgement (40 ms).
+    // Qt's client does not disable Nagle and writes a request's head and body as two records, so
+    // against a delaying server each HTTPS upload waits 40 ms for the body to leave.
+    bool prompt_ack = false;
     std::size_t threads = 128;  // requests served at once (silent ones hold a thread each)
     // Keep what the service accepted: records as data_dir/received/<n>-<type>.json, files as
     // data_dir/uploads/<dfs_id>-<filename>.

@@ -1,6 +1,7 @@
-// What an upload costs the host: the caller's time per upload_information call, the throughput
-// against libcurl over the same loopback HTTPS service, and memory per connection and over many
-// upload-and-release cycles. Each figure comes with its baseline from the same run.
+// What the network side costs the host: the caller's time per upload_information call, the
+// throughput against libcurl over the same loopback HTTPS service, memory per connection and over
+// many upload-and-release cycles, and 200 MB attachment uploads and installer downloads (peak
+// memory and rate, against libcurl). Each figure comes with its baseline from the same run.
 #include <information_api/information_api.h>
 #include <tools/collection_service/collection_service.h>
 
@@ -11,6 +12,8 @@
 #include <QCoreApplication>
 #include <QDir>
 #include <QEventLoop>
+#include <QFile>
+#include <QFileInfo>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QTemporaryDir>
@@ -42,13 +45,13 @@ double percentile(std::vector<double> samples, double p)
     return samples[std::min(samples.size() - 1, std::size_t(p * double(samples.size())))];
 }
 
-long rss_kib()
+long status_kib(const std::string& field)
 {
     std::ifstream status("/proc/self/status");
     std::string key;
     long value = 0;
     while (status >> key) {
-        if (key == "VmRSS:") {
+        if (key == field) {
             status >> value;
             return value;
         }
@@ -57,17 +60,32 @@ long rss_kib()
     return 0;
 }
 
-collection::collection_service& service()
+long rss_kib() { return status_kib("VmRSS:"); }
+
+// Peak memory from here on: resets the kernel's high-water mark to the current RSS.
+void reset_peak_rss() { std::ofstream("/proc/self/clear_refs") << "5"; }
+long peak_rss_kib() { return status_kib("VmHWM:"); }
+
+collection::collection_service make_service(bool prompt_ack)
 {
-    static collection::collection_service s = [] {
-        collection::service_options options;
-        options.keep_limit = 4096;
-        return collection::collection_service(options);
-    }();
-    return s;
+    collection::service_options options;
+    options.keep_limit = 4096;  // the service keeps no 200 MB body in this process
+    options.prompt_ack = prompt_ack;
+    return collection::collection_service(options);
 }
 
-QString record_url() { return QString::fromStdString(service().base_url() + "/dtta"); }
+// A service that delays its acknowledgements as Linux does by default, and one that does not.
+collection::collection_service& service(bool prompt_ack = false)
+{
+    static collection::collection_service delaying = make_service(false);
+    static collection::collection_service prompt = make_service(true);
+    return prompt_ack ? prompt : delaying;
+}
+
+QString record_url(bool prompt_ack = false)
+{
+    return QString::fromStdString(service(prompt_ack).base_url() + "/dtta");
+}
 
 // Hands each report to the benchmark's thread, where the next upload is issued.
 class driver : public information_sink {
@@ -79,17 +97,26 @@ public:
         QMetaObject::invokeMethod(QCoreApplication::instance(), [this, id, ok] { on_report(id, ok); },
                                   Qt::QueuedConnection);
     }
-    void on_download_progress(qint64, qint64) override {}
-    void on_download_finished(bool, int, int) override {}
+    void on_download_progress(qint64 received, qint64 total) override
+    {
+        if (received == total && total > 0)
+            last_byte = steady::now();
+    }
+    void on_download_finished(bool, int, int) override
+    {
+        QMetaObject::invokeMethod(QCoreApplication::instance(), [this] { on_report(-1, true); },
+                                  Qt::QueuedConnection);
+    }
+    std::atomic<steady::time_point> last_byte{};
 };
 
 // Uploads `count` records with `in_flight` connections open at once; returns records per second.
-double library_rate(int count, int in_flight, int* failures = nullptr)
+double library_rate(int count, int in_flight, bool prompt_ack = false, int* failures = nullptr)
 {
     driver sink;
     QEventLoop loop;
     int next = 0, done = 0, failed = 0;
-    const auto issue = [&] { upload_information(record_url(), kRecord, kAppId, "usage", &sink, next, 30000); ++next; };
+    const auto issue = [&] { upload_information(record_url(prompt_ack), kRecord, kAppId, "usage", &sink, next, 30000); ++next; };
     sink.on_report = [&](int id, bool ok) {
         if (release_connect(id) != 0)
             return;  // a repeated report of a failure
@@ -109,9 +136,9 @@ double library_rate(int count, int in_flight, int* failures = nullptr)
 }
 
 // The same POSTs through libcurl, a fresh connection each, from `in_flight` threads.
-double curl_rate(int count, int in_flight)
+double curl_rate(int count, int in_flight, bool prompt_ack)
 {
-    const std::string url = service().base_url() + "/dtta?type=usage";
+    const std::string url = service(prompt_ack).base_url() + "/dtta?type=usage";
     const std::string body = kRecord.toStdString();
     std::atomic<int> next{0};
     const auto worker = [&] {
@@ -189,13 +216,14 @@ void BM_upload_call(benchmark::State& state)
 void BM_throughput(benchmark::State& state)
 {
     const int in_flight = int(state.range(0));
+    const bool prompt_ack = state.range(1) != 0;
     const int count = 1000;
     double library = 0, curl = 0;
     int failures = 0;
     information_init();
     for (auto _ : state) {
-        curl = curl_rate(count, in_flight);
-        library = library_rate(count, in_flight, &failures);
+        curl = curl_rate(count, in_flight, prompt_ack);
+        library = library_rate(count, in_flight, prompt_ack, &failures);
         state.SetIterationTime(count / library);
     }
     information_clean();
@@ -245,13 +273,149 @@ void BM_memory(benchmark::State& state)
     information_clean();
 }
 
+constexpr qint64 kTransferBytes = 200ll << 20;
+
+// A 200 MB file of varied bytes, made once.
+const QString& big_file()
+{
+    static const QString path = [] {
+        const QString p = QString::fromStdString(service().data_dir()) + "/files/installer.bin";
+        QDir().mkpath(QFileInfo(p).path());
+        QFile file(p);
+        file.open(QIODevice::WriteOnly);
+        QByteArray block(1 << 20, Qt::Uninitialized);
+        for (int i = 0; i < block.size(); ++i)
+            block[i] = char((i * 131) ^ (i >> 9));
+        for (qint64 written = 0; written < kTransferBytes; written += block.size())
+            file.write(block);
+        return p;
+    }();
+    return path;
+}
+
+double mb_per_s(steady::duration d) { return kTransferBytes / 1e6 / std::chrono::duration<double>(d).count(); }
+
+CURL* curl_for(const std::string& url)
+{
+    CURL* curl = curl_easy_init();
+    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(curl, CURLOPT_SSL_VERIFYPEER, 0L);
+    curl_easy_setopt(curl, CURLOPT_SSL_VERIFYHOST, 0L);
+    curl_easy_setopt(curl, CURLOPT_SSLVERSION, CURL_SSLVERSION_TLSv1_2 | CURL_SSLVERSION_MAX_TLSv1_2);
+    return curl;
+}
+
+size_t discard(char*, size_t size, size_t n, void*) { return size * n; }
+size_t to_file(char* data, size_t size, size_t n, void* file) { return fwrite(data, size, n, static_cast<FILE*>(file)) * size; }
+
+// upload_file of a 200 MB attachment, and curl posting the same multipart form.
+void BM_attachment_upload(benchmark::State& state)
+{
+    const QString file = big_file();
+    information_init();
+    QThread::msleep(100);
+    driver sink;
+    QEventLoop loop;
+    sink.on_report = [&](int id, bool) {
+        release_connect(id);
+        loop.quit();
+    };
+    double library = 0, curl = 0;
+    long library_peak = 0, curl_peak = 0;
+    for (auto _ : state) {
+        const std::string url = service().base_url() + "/up?category=feedback&bucket=pub";
+        long base = rss_kib();
+        reset_peak_rss();
+        auto start = steady::now();
+        CURL* c = curl_for(url);
+        curl_mime* form = curl_mime_init(c);
+        curl_mimepart* part = curl_mime_addpart(form);
+        curl_mime_name(part, "file");
+        curl_mime_filedata(part, file.toLocal8Bit().constData());
+        curl_mime_type(part, "application/octet-stream");
+        curl_easy_setopt(c, CURLOPT_MIMEPOST, form);
+        curl_easy_setopt(c, CURLOPT_WRITEFUNCTION, discard);
+        curl_easy_perform(c);
+        curl_mime_free(form);
+        curl_easy_cleanup(c);
+        curl = mb_per_s(steady::now() - start);
+        curl_peak = peak_rss_kib() - base;
+
+        base = rss_kib();
+        reset_peak_rss();
+        start = steady::now();
+        upload_file(QString::fromStdString(service().base_url() + "/up"), file, kAppId, "", &sink, 1, 60000);
+        loop.exec();
+        const auto elapsed = steady::now() - start;
+        library = mb_per_s(elapsed);
+        library_peak = peak_rss_kib() - base;
+        service().clear_received();
+        state.SetIterationTime(std::chrono::duration<double>(elapsed).count());
+    }
+    information_clean();
+    state.counters["MBps"] = library;
+    state.counters["curl_MBps"] = curl;
+    state.counters["ratio"] = library / curl;
+    state.counters["peak_rss_growth_MiB"] = library_peak / 1024.0;
+    state.counters["curl_peak_rss_growth_MiB"] = curl_peak / 1024.0;
+}
+
+// downLoadApp of a 200 MB installer, and curl writing the same file. The library settles for
+// 2 s after the last byte before it renames the file; the rate counts up to the last byte.
+void BM_installer_download(benchmark::State& state)
+{
+    big_file();
+    information_init();
+    QThread::msleep(100);
+    driver sink;
+    QEventLoop loop;
+    sink.on_report = [&](int, bool) { loop.quit(); };
+    double library = 0, curl = 0;
+    long library_peak = 0, curl_peak = 0;
+    const std::string url = service().base_url() + "/files/installer.bin";
+    for (auto _ : state) {
+        long base = rss_kib();
+        reset_peak_rss();
+        auto start = steady::now();
+        FILE* out = std::fopen("curl-installer.bin", "wb");
+        CURL* c = curl_for(url);
+        curl_easy_setopt(c, CURLOPT_WRITEFUNCTION, to_file);
+        curl_easy_setopt(c, CURLOPT_WRITEDATA, out);
+        curl_easy_perform(c);
+        curl_easy_cleanup(c);
+        std::fclose(out);
+        curl = mb_per_s(steady::now() - start);
+        curl_peak = peak_rss_kib() - base;
+
+        base = rss_kib();
+        reset_peak_rss();
+        start = steady::now();
+        downLoadApp(2, &sink, QString::fromStdString(url), "installer.exe");
+        loop.exec();
+        const auto elapsed = sink.last_byte.load() - start;
+        library = mb_per_s(elapsed);
+        library_peak = peak_rss_kib() - base;
+        release_connect(2);
+        state.SetIterationTime(std::chrono::duration<double>(elapsed).count());
+    }
+    information_clean();
+    state.counters["MBps"] = library;
+    state.counters["curl_MBps"] = curl;
+    state.counters["ratio"] = library / curl;
+    state.counters["peak_rss_growth_MiB"] = library_peak / 1024.0;
+    state.counters["curl_peak_rss_growth_MiB"] = curl_peak / 1024.0;
+}
+
 void discard_message(QtMsgType, const QMessageLogContext&, const QString&) {}
 
 }  // namespace
 
 BENCHMARK(BM_upload_call)->Iterations(1)->UseManualTime()->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_throughput)->Arg(1)->Arg(16)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
+// Second argument: 0 against a server delaying its acknowledgements, 1 against a prompt one.
+BENCHMARK(BM_throughput)->Args({1, 0})->Args({16, 0})->Args({1, 1})->Args({16, 1})->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_memory)->Iterations(1)->UseManualTime();
+BENCHMARK(BM_attachment_upload)->Iterations(2)->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_installer_download)->Iterations(2)->UseManualTime()->Unit(benchmark::kMillisecond);
 
 int main(int argc, char** argv)
 {
@@ -262,15 +426,17 @@ int main(int argc, char** argv)
     google::InitGoogleLogging(argv[0]);
     qInstallMessageHandler(discard_message);
     curl_global_init(CURL_GLOBAL_DEFAULT);
-    if (!service().start()) {
-        std::fprintf(stderr, "collection service: %s\n", service().error().c_str());
-        return 1;
-    }
+    for (bool prompt_ack : {false, true})
+        if (!service(prompt_ack).start()) {
+            std::fprintf(stderr, "collection service: %s\n", service(prompt_ack).error().c_str());
+            return 1;
+        }
 
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
-    service().stop();
+    service(false).stop();
+    service(true).stop();
     curl_global_cleanup();
     google::ShutdownGoogleLogging();
     return 0;
