@@ -305,6 +305,8 @@ void tst_transfers::download_data()
     QTest::newRow("404: the error page stays in the temporary file")
         << "out/app.exe" << absent << QByteArray() << false << absent
         << QByteArray("<html><body><h1>404 Not Found</h1></body></html>") << false;
+    QTest::newRow("connection refused") << "out/app.exe" << QByteArray("<refused>") << QByteArray()
+                                        << false << absent << absent << false;
     QTest::newRow("server stops mid-transfer") << "out/app.exe" << big << QByteArray() << true
                                                << absent << QByteArray("<partial>") << false;
 }
@@ -321,8 +323,11 @@ void tst_transfers::download()
     recording_sink sink;
     library_session session;
     auto service = start_service();
-    if (installer != "<absent>")
+    if (installer != "<absent>" && installer != "<refused>")
         write_file(QString::fromStdString(service->data_dir()) + "/files/installer.bin", installer);
+    const QString url = QString::fromStdString(service->base_url() + "/files/installer.bin");
+    if (installer == "<refused>")
+        service->stop();
     if (reset_midway) {
         service->set_script([&](const collection::received_request&) -> std::optional<reply> {
             reply r = json_reply(installer.toStdString());
@@ -337,7 +342,7 @@ void tst_transfers::download()
     if (!target.startsWith("no-such-dir"))
         write_file(target, "previous version");  // deleted before the download begins
 
-    downLoadApp(1, &sink, QString::fromStdString(service->base_url() + "/files/installer.bin"), target);
+    downLoadApp(1, &sink, url, target);
     QTRY_VERIFY_WITH_TIMEOUT(debug_seen("reply_->error()="), 20000);
     if (reported)
         QTRY_COMPARE_WITH_TIMEOUT(sink.finished().size(), std::size_t(1), 20000);  // after a 2 s settle
