@@ -85,6 +85,7 @@ api_thread::api_thread() : QThread(nullptr) {}
 void api_thread::run()
 {
     exec();
+    mark_release(this);  // everything the worker did happens before stop() returns
 }
 
 int api_thread::start()
@@ -97,6 +98,7 @@ int api_thread::stop()
 {
     quit();
     wait(QDeadlineTimer(QDeadlineTimer::Forever));
+    mark_acquire(this);
     return 0;
 }
 
