@@ -255,6 +255,18 @@ QVariantMap noScreens()
     return info;
 }
 
+// One collection, on a pool thread.
+void collect_and_report(KrMacosInfo* collector)
+{
+    QVariantMap info;
+    info.insert("cpu", KrMacosInfo::getCpuModelInfo());
+    info.insert("memory", KrMacosInfo::getMemoryInfo());
+    info.insert("screen", KrMacosInfo::getScreenResolutionInfo());
+    info.insert("system", KrMacosInfo::getSystemVersionInfo());
+    info.insert("language", KrMacosInfo::getSystemLanguageInfo());
+    emit collector->allSystemInfoFinished(info);
+}
+
 }  // namespace
 
 KrMacosInfo::KrMacosInfo() : QObject(nullptr) {}
@@ -263,15 +275,7 @@ KrMacosInfo::~KrMacosInfo() = default;
 
 void KrMacosInfo::allSystemInfo()
 {
-    QtConcurrent::run(QThreadPool::globalInstance(), [this] {
-        QVariantMap info;
-        info.insert("cpu", getCpuModelInfo());
-        info.insert("memory", getMemoryInfo());
-        info.insert("screen", getScreenResolutionInfo());
-        info.insert("system", getSystemVersionInfo());
-        info.insert("language", getSystemLanguageInfo());
-        emit allSystemInfoFinished(info);
-    });
+    QtConcurrent::run(QThreadPool::globalInstance(), collect_and_report, this);
 }
 
 QMap<QString, QVariant> KrMacosInfo::getScreenResolutionInfo()

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds the library and runs every test: once in a normal build, once more under
-# AddressSanitizer + UndefinedBehaviorSanitizer, and the threaded tests under ThreadSanitizer.
-# Installs what is missing first.
+# AddressSanitizer + UndefinedBehaviorSanitizer, the threaded tests under ThreadSanitizer, then
+# fuzzes the response handlers and the record reader for a bounded time. Installs what is missing
+# first.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash tools/bootstrap.sh
@@ -24,3 +25,21 @@ echo "== threaded tests under ThreadSanitizer =="
 CTEST_ARGS=(-L threaded)
 TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$PWD/tests/tsan.supp" \
   run_suite build-tsan -DINFORMATION_API_SANITIZERS=thread -DINFORMATION_API_BUILD_TOOLS=OFF
+echo "== fuzzing the response handlers and record reading (libFuzzer, 30 s each) =="
+cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++ \
+  -DINFORMATION_API_SANITIZERS=address,undefined -DINFORMATION_API_BUILD_FUZZERS=ON \
+  -DINFORMATION_API_BUILD_TESTS=OFF -DINFORMATION_API_BUILD_TOOLS=OFF >/dev/null
+cmake --build build-fuzz
+for target in handlers scan_info; do
+  corpus=$(mktemp -d)  # the fuzzer adds what it finds; the seed corpus in the tree stays as it is
+  cp tests/fuzz/corpus/$target/* "$corpus/"
+  log=build-fuzz/fuzz_$target.log
+  if ! QT_QPA_PLATFORM=offscreen build-fuzz/tests/fuzz/fuzz_$target -max_total_time=30 \
+      -rss_limit_mb=2048 -artifact_prefix="$PWD/tests/fuzz/crashes/" "$corpus" >"$log" 2>&1; then
+    tail -n 60 "$log"
+    echo "fuzz_$target failed; its input is in tests/fuzz/crashes/: fix the fault and keep the input"
+    exit 1
+  fi
+  echo "fuzz_$target: $(grep '^Done' "$log")"
+  rm -rf "$corpus"
+done

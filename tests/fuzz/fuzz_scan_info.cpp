@@ -1,0 +1,47 @@
+// Arbitrary bytes as a record file, read back through get_scan_info.
+#include <information_api/windows_information_imp.h>
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
+
+#include <glog/logging.h>
+
+using namespace information_api;
+
+namespace {
+
+void silence(QtMsgType, const QMessageLogContext&, const QString&) {}
+
+windows_information_imp* manager = nullptr;
+QString record_path;
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv)
+{
+    static QCoreApplication app(*argc, *argv);
+    static QTemporaryDir dir;
+    QDir::setCurrent(dir.path());
+    qInstallMessageHandler(silence);
+    FLAGS_minloglevel = 3;
+    QCoreApplication::setApplicationName("information_uploader");  // no usage period
+    manager = new windows_information_imp;
+    record_path = dir.filePath("record.info2");
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    {
+        QFile file(record_path);
+        if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate))
+            __builtin_trap();
+        file.write(reinterpret_cast<const char*>(data), qint64(size));
+    }
+    QString text, type;
+    if (manager->get_scan_info(record_path, text, type) != 0)
+        __builtin_trap();  // the file exists: only a missing file reports -1
+    return 0;
+}
