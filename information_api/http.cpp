@@ -146,6 +146,17 @@ void http_connector::start_timeout(int timeout_ms)
     QMetaObject::invokeMethod(timer_, qOverload<>(&QTimer::start), Qt::QueuedConnection);
 }
 
+void http_connector::connect_reply_slots()
+{
+    connect(reply_, SIGNAL(readyRead()), this, SLOT(http_ready_read()));
+    connect(reply_, SIGNAL(error(QNetworkReply::NetworkError)), this,
+            SLOT(error(QNetworkReply::NetworkError)));
+    connect(reply_, SIGNAL(sslErrors(const QList<QSslError>&)), this,
+            SLOT(sslErrors(const QList<QSslError>&)));
+    connect(reply_, SIGNAL(downloadProgress(qint64, qint64)), this,
+            SLOT(update_data_read_progress(qint64, qint64)));
+}
+
 void http_connector::send_request(const std::string& path, const QString& body,
                                   const std::map<std::string, std::string>& query, int timeout_ms,
                                   const std::string& sub_path, bool /*flag*/,
@@ -172,13 +183,7 @@ void http_connector::send_request(const std::string& path, const QString& body,
     start_timeout(timeout_ms);
     choose_handler("");
     reply_ = manager->post(request_, body.toUtf8());
-    connect(reply_, SIGNAL(readyRead()), this, SLOT(http_ready_read()));
-    connect(reply_, SIGNAL(error(QNetworkReply::NetworkError)), this,
-            SLOT(error(QNetworkReply::NetworkError)));
-    connect(reply_, SIGNAL(sslErrors(const QList<QSslError>&)), this,
-            SLOT(sslErrors(const QList<QSslError>&)));
-    connect(reply_, SIGNAL(downloadProgress(qint64, qint64)), this,
-            SLOT(update_data_read_progress(qint64, qint64)));
+    connect_reply_slots();
     bytes_received_ = 0;
     last_activity_ = processor_seconds();
 }
@@ -330,13 +335,7 @@ int http_connector::get_json_file(QString url, int timeout_ms)
     request.setUrl(parsed);
     reply_ = manager->get(request);
     LOG(INFO) << "manager->post reply_=" << reinterpret_cast<quintptr>(reply_);
-    connect(reply_, SIGNAL(readyRead()), this, SLOT(http_ready_read()));
-    connect(reply_, SIGNAL(error(QNetworkReply::NetworkError)), this,
-            SLOT(error(QNetworkReply::NetworkError)));
-    connect(reply_, SIGNAL(sslErrors(const QList<QSslError>&)), this,
-            SLOT(sslErrors(const QList<QSslError>&)));
-    connect(reply_, SIGNAL(downloadProgress(qint64, qint64)), this,
-            SLOT(update_data_read_progress(qint64, qint64)));
+    connect_reply_slots();
     start_timeout(timeout_ms);
     return 0;
 }

@@ -94,6 +94,7 @@ public slots:
 
 private:
     void start_timeout(int timeout_ms);
+    void connect_reply_slots();  // reply_'s data, error and progress signals to the request slots
     void report_network_error(QNetworkReply* reply);
     QString download_temp_path() const;
 
