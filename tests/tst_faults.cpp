@@ -97,7 +97,7 @@ void tst_faults::misbehaving_service_under_load()
     });
     const int count = 200;
     for (int id = 0; id < count; ++id)
-        upload_information(record_url(*service), "{}", kAppId, QString::number(id), &sink, id, 1000);
+        upload_information(record_url(*service), "{}", kAppId, QString::number(id), &sink, id, 5000);
 
     // Every id hears back: silent ones through their time-out.
     QTRY_VERIFY_WITH_TIMEOUT(sink.total() >= std::size_t(count) && [&] {
