@@ -308,6 +308,16 @@ CURL* curl_for(const std::string& url)
 size_t discard(char*, size_t size, size_t n, void*) { return size * n; }
 size_t to_file(char* data, size_t size, size_t n, void* file) { return fwrite(data, size, n, static_cast<FILE*>(file)) * size; }
 
+// Rates in MB/s and peak RSS growth in KiB of the library's transfer and curl's.
+void report_transfer(benchmark::State& state, double library, double curl, long library_peak, long curl_peak)
+{
+    state.counters["MBps"] = library;
+    state.counters["curl_MBps"] = curl;
+    state.counters["ratio"] = library / curl;
+    state.counters["peak_rss_growth_MiB"] = library_peak / 1024.0;
+    state.counters["curl_peak_rss_growth_MiB"] = curl_peak / 1024.0;
+}
+
 // upload_file of a 200 MB attachment, and curl posting the same multipart form.
 void BM_attachment_upload(benchmark::State& state)
 {
@@ -353,11 +363,7 @@ void BM_attachment_upload(benchmark::State& state)
         state.SetIterationTime(std::chrono::duration<double>(elapsed).count());
     }
     information_clean();
-    state.counters["MBps"] = library;
-    state.counters["curl_MBps"] = curl;
-    state.counters["ratio"] = library / curl;
-    state.counters["peak_rss_growth_MiB"] = library_peak / 1024.0;
-    state.counters["curl_peak_rss_growth_MiB"] = curl_peak / 1024.0;
+    report_transfer(state, library, curl, library_peak, curl_peak);
 }
 
 // downLoadApp of a 200 MB installer, and curl writing the same file. The library settles for
@@ -399,11 +405,7 @@ void BM_installer_download(benchmark::State& state)
         state.SetIterationTime(std::chrono::duration<double>(elapsed).count());
     }
     information_clean();
-    state.counters["MBps"] = library;
-    state.counters["curl_MBps"] = curl;
-    state.counters["ratio"] = library / curl;
-    state.counters["peak_rss_growth_MiB"] = library_peak / 1024.0;
-    state.counters["curl_peak_rss_growth_MiB"] = curl_peak / 1024.0;
+    report_transfer(state, library, curl, library_peak, curl_peak);
 }
 
 void discard_message(QtMsgType, const QMessageLogContext&, const QString&) {}

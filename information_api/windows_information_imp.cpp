@@ -62,6 +62,23 @@ QString normalised_profile(const QString& ple)
     return ple;
 }
 
+// Feedback and scores take the identity they are given and describe the moment the user gave
+// them: their period is now. Returns the record's file stem.
+QString begin_user_record(windows_information_imp& m, const QString& ple, const QString& softwareVer,
+                          const QString& modelName, const QString& modular, int enableGuide)
+{
+    m.enableGuide = enableGuide;
+    m.modelName = modelName;
+    m.modular = modular;
+    const QString now = utc_now_stamp();
+    const QString stem = utc_now_stem(kUserRecordStemFormat);
+    m.ple = normalised_profile(ple);
+    m.softwareVer = softwareVer;
+    m.startOn = now;
+    m.endOn = now;
+    return stem;
+}
+
 // A box value as receivers expect it: the single-precision value, widened, so 0.1 is stored as
 // 0.10000000149011612. Text that is no finite float (letters, 1e39, nan) is 0: Qt's toFloat
 // answers inf for an overflow, which JSON would write as null.
@@ -459,17 +476,8 @@ QString windows_information_imp::create_userfeedback_info(QString& ple, QString&
                                                           int enableGuide, QString& email, QString& industry,
                                                           QString& content, QStringList& attachs)
 {
-    this->enableGuide = enableGuide;
-    this->modelName = modelName;
-    this->modular = modular;
     this->modularPles = modularPles;
-    const QString now = utc_now_stamp();
-    const QString stem = utc_now_stem(kUserRecordStemFormat);
-    this->ple = normalised_profile(ple);
-    this->softwareVer = softwareVer;
-    startOn = now;
-    endOn = now;
-
+    const QString stem = begin_user_record(*this, ple, softwareVer, modelName, modular, enableGuide);
     QJsonObject record;
     create_usage_inner(QString(), record);
     record["tracingType"] = "feedback";
@@ -489,17 +497,8 @@ QString windows_information_imp::add_user_score(const QString& score, const QStr
                                                 const QString& softwareVer, QString& modelName, QString& modular,
                                                 const QString& industry, int enableGuide)
 {
-    this->enableGuide = enableGuide;
-    this->modelName = modelName;
-    this->modular = modular;
     modularPles.clear();
-    const QString now = utc_now_stamp();
-    const QString stem = utc_now_stem(kUserRecordStemFormat);
-    this->ple = normalised_profile(ple);
-    this->softwareVer = softwareVer;
-    startOn = now;
-    endOn = now;
-
+    const QString stem = begin_user_record(*this, ple, softwareVer, modelName, modular, enableGuide);
     QJsonObject record;
     create_usage_inner(QString(), record);
     record["tracingType"] = "score";

@@ -16,6 +16,9 @@
 
 namespace test_support {
 
+// The test deployment's application id, as the service expects it in "X-Auth-AppID".
+const char* const kAppId = "3c9d0a7e51b24f68e0a7c2d9b4f6e183";
+
 struct report {
     int id;
     information_api::response_info_t info;
@@ -112,3 +115,5 @@ inline QString record_url(const collection::collection_service& service)
 }  // namespace test_support
 
 using information_api::response_info_t;
+
+Q_DECLARE_METATYPE(collection::reply)

@@ -1,16 +1,18 @@
-// Helpers shared by the tests: an isolated working directory, glog capture, record file reading.
+// Helpers shared by the tests: an isolated working directory, log capture, record file reading.
 #pragma once
 
 #include <information_api/windows_information_imp.h>
 
 #include <glog/logging.h>
 
+#include <QDateTime>
 #include <QDir>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QSettings>
 #include <QStringList>
 #include <QVariantMap>
+#include <QtGlobal>
 #include <QTemporaryDir>
 
 #include <mutex>
@@ -60,6 +62,52 @@ private:
     QStringList lines_;
     QStringList files_;
 };
+
+// Collects the process's qDebug() messages while it lives: their texts, and each with where it
+// was logged from as "category|file|function|text".
+class qdebug_capture {
+public:
+    qdebug_capture() : previous_(qInstallMessageHandler(&handle)) { active() = this; }
+    ~qdebug_capture()
+    {
+        qInstallMessageHandler(previous_);
+        active() = nullptr;
+    }
+    QStringList texts() const
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return texts_;
+    }
+    QStringList located() const
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return located_;
+    }
+
+private:
+    static qdebug_capture*& active()
+    {
+        static qdebug_capture* capture = nullptr;
+        return capture;
+    }
+    static void handle(QtMsgType type, const QMessageLogContext& context, const QString& text)
+    {
+        qdebug_capture* self = active();
+        if (type != QtDebugMsg || !self)
+            return;
+        std::lock_guard<std::mutex> lock(self->mutex_);
+        self->texts_ << text;
+        self->located_ << QString("%1|%2|%3|%4").arg(context.category, context.file, context.function, text);
+    }
+
+    QtMessageHandler previous_;
+    mutable std::mutex mutex_;
+    QStringList texts_;
+    QStringList located_;
+};
+
+// The current UTC time as records stamp their periods.
+inline QString utc_now() { return QDateTime::currentDateTimeUtc().toString("yyyy-MM-ddThh:mm:ssZ"); }
 
 struct record_file {
     QByteArray data;

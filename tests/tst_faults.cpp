@@ -16,7 +16,6 @@ using namespace test_support;
 
 namespace {
 
-const char* const kAppId = "a0f4c9e27d5b3816c4e9a7d2f05b68c1";
 const char* const kWriterEnv = "FAULTS_RECORD_WRITER";
 
 // The child of the crash test: writes records of every kind until it is killed.

@@ -23,13 +23,6 @@ bool make_record(const QString& name, const QDateTime& when)
 
 QString absolute(const QString& name) { return QDir::current().absoluteFilePath("veltrainfo/" + name); }
 
-QStringList debug_messages;
-void record_debug_message(QtMsgType type, const QMessageLogContext&, const QString& text)
-{
-    if (type == QtDebugMsg)
-        debug_messages << text;
-}
-
 QDateTime on(int day, const char* time) { return QDateTime(QDate(2026, 1, day), QTime::fromString(time)); }
 
 }  // namespace
@@ -112,10 +105,9 @@ void tst_housekeeping::upload_files()
 
     windows_information_imp m;
     QStringList result = given;
-    debug_messages.clear();
-    const QtMessageHandler previous = qInstallMessageHandler(record_debug_message);
+    test_support::qdebug_capture debug;
     const int count = m.get_upload_files(result);
-    qInstallMessageHandler(previous);
+    const QStringList debug_messages = debug.texts();
 
     QStringList expected = given;
     for (const QString& name : listed)

@@ -22,8 +22,6 @@ Q_DECLARE_METATYPE(query_map)
 
 namespace {
 
-const char* const kAppId = "a0f4c9e27d5b3816c4e9a7d2f05b68c1";
-
 collection::reply silence()
 {
     collection::reply r;
@@ -50,7 +48,6 @@ private slots:
     void url_rule();
     void tls_configuration_data();
     void tls_configuration();
-    void choose_handler_ignores_the_name();
     void download_temporary_name_data();
     void download_temporary_name();
     void timeout_repeats_until_released();
@@ -152,13 +149,6 @@ void tst_http_connector::tls_configuration()
     const QSslConfiguration config = connector.request_.sslConfiguration();
     QCOMPARE(config.protocol() == QSsl::TlsV1_2, pinned);
     QCOMPARE(config.peerVerifyMode() == QSslSocket::VerifyNone, pinned);
-}
-
-void tst_http_connector::choose_handler_ignores_the_name()
-{
-    http_connector connector(4, nullptr, nullptr);
-    for (const char* name : {"", "file", "json"})
-        QVERIFY(dynamic_cast<upload_handler*>(connector.choose_handler(name)));
 }
 
 void tst_http_connector::download_temporary_name_data()

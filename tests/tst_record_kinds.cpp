@@ -11,11 +11,10 @@
 using namespace information_api;
 using test_support::kind;
 using test_support::read_record;
+using test_support::utc_now;
 using test_support::write_kind;
 
 namespace {
-
-QString utc_now() { return QDateTime::currentDateTimeUtc().toString("yyyy-MM-ddThh:mm:ssZ"); }
 
 QJsonValue parse(const QByteArray& json) { return QJsonDocument::fromJson("[" + json + "]").array().at(0); }
 
@@ -27,13 +26,6 @@ QJsonValue at(QJsonValue value, const QString& path)
     return value;
 }
 
-QtMessageHandler previous_handler = nullptr;
-QStringList debug_messages;
-void record_debug_message(QtMsgType type, const QMessageLogContext& context, const QString& text)
-{
-    if (type == QtDebugMsg)
-        debug_messages << QString("%1|%2|%3|%4").arg(context.category, context.file, context.function, text);
-}
 
 }  // namespace
 
@@ -423,10 +415,12 @@ void tst_record_kinds::get_scan_info_edges()
     windows_information_imp m;
     QString gotData = "kept", gotType = "kept";
     test_support::glog_capture log;
-    debug_messages.clear();
-    previous_handler = qInstallMessageHandler(record_debug_message);
-    QCOMPARE(m.get_scan_info(path, gotData, gotType), result);
-    qInstallMessageHandler(previous_handler);
+    QStringList debug_messages;
+    {
+        test_support::qdebug_capture debug;
+        QCOMPARE(m.get_scan_info(path, gotData, gotType), result);
+        debug_messages = debug.located();
+    }
     QCOMPARE(gotData, data);
     QCOMPARE(gotData.isNull(), dataNull);
     QCOMPARE(gotType, type);

@@ -12,11 +12,7 @@ using namespace information_api;
 using namespace test_support;
 using collection::reply;
 
-Q_DECLARE_METATYPE(collection::reply)
-
 namespace {
-
-const char* const kAppId = "3c9d0a7e51b24f68e0a7c2d9b4f6e183";
 
 enum class server { https, http, tls13_only, stopped };
 

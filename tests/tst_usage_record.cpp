@@ -11,10 +11,9 @@
 
 using namespace information_api;
 using test_support::read_record;
+using test_support::utc_now;
 
 namespace {
-
-QString utc_now() { return QDateTime::currentDateTimeUtc().toString("yyyy-MM-ddThh:mm:ssZ"); }
 
 // Runs create_usage_inifo with the given arguments on `m` and returns the record read back.
 QJsonObject write_usage(windows_information_imp& m, const QString& start = QString(),
@@ -53,14 +52,6 @@ private:
     int saved_ = -1;
     std::FILE* file_ = nullptr;
 };
-
-QtMessageHandler previous_handler = nullptr;
-QStringList debug_messages;
-void record_debug_message(QtMsgType type, const QMessageLogContext& context, const QString& text)
-{
-    if (type == QtDebugMsg)
-        debug_messages << QString("%1|%2|%3|%4").arg(context.category, context.file, context.function, text);
-}
 
 }  // namespace
 
@@ -276,14 +267,12 @@ void tst_usage_record::destructor_rewrites_with_end_time()
     m->usageRecord["endOn"] = "stale";
     m->usageRecord["marker"] = 42;  // proves the file is rewritten from the record in memory
 
-    debug_messages.clear();
-    previous_handler = qInstallMessageHandler(record_debug_message);
+    test_support::qdebug_capture debug;
     const QString before = utc_now();
     m.reset();
     const QString after = utc_now();
-    qInstallMessageHandler(previous_handler);
 
-    QCOMPARE(debug_messages,
+    QCOMPARE(debug.located(),
              QStringList{"default|information_api/windows_information_imp.cpp|virtual "
                          "information_api::windows_information_imp::~windows_information_imp()|"
                          "~windows_information_imp"});
