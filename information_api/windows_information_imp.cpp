@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <vector>
 
 #include <sys/stat.h>
@@ -136,6 +137,7 @@ QString record_absolute_path(const record_entry& record)
 
 // Stores one record: "data" holds the indented JSON text as a byte array, "type" its kind.
 // QSettings writes through a temporary file and a rename, so a reader never sees half a record.
+// A record that cannot be written is not reported to the caller; the log says so.
 void write_record_file(const QString& path, const QJsonObject& record, const QString& type)
 {
     const QByteArray data = QJsonDocument(record).toJson();
@@ -143,6 +145,114 @@ void write_record_file(const QString& path, const QJsonObject& record, const QSt
     file.setValue("data", data);
     file.setValue("type", type);
     file.sync();
+    if (file.status() != QSettings::NoError)
+        LOG(WARNING) << "record not written: " << path.toUtf8().constData() << " (QSettings status "
+                     << (file.status() == QSettings::AccessError ? "AccessError" : "FormatError") << ")";
+}
+
+// Record files are read with QSettings, which decodes a value beginning "@Variant(" or
+// "@DateTime(" with QDataStream. That trusts the counts it reads: 61 bytes can make it reserve
+// billions of entries, and a deeply nested list overflows the stack. The library writes neither,
+// so such a file is refused before QSettings sees it. The scan follows QSettings' INI reading
+// (lines, quotes, escapes, list items) far enough to see how each value begins once unescaped.
+constexpr qint64 kMaxRecordFileBytes = 16 << 20;
+
+// The items of one value (one unless it is a comma-separated list), unescaped.
+QStringList ini_value_items(const QByteArray& d, int i, int end)
+{
+    static const char escaped[] = "abfnrtv\"?'\\", unescaped[] = "\a\b\f\n\r\t\v\"?'\\";
+    QStringList items(QString{});
+    bool quoted = false;
+    const auto skip_blanks = [&] {
+        while (i < end && (d[i] == ' ' || d[i] == '\t'))
+            ++i;
+    };
+    const auto digit = [](char c) {
+        return c >= '0' && c <= '9' ? uint(c - '0') : c >= 'a' && c <= 'f' ? uint(c - 'a' + 10)
+             : c >= 'A' && c <= 'F' ? uint(c - 'A' + 10) : 99u;
+    };
+    const auto read_number = [&](uint base, uint value) {  // \x and octal escapes, any length
+        while (i < end && digit(d[i]) < base)
+            value = value * base + digit(d[i++]);
+        items.last() += QChar(ushort(value));
+    };
+    skip_blanks();
+    while (i < end) {
+        const char c = d[i++];
+        if (c == '\\') {
+            if (i == end)
+                break;
+            const char e = d[i++];
+            if (const char* n = e ? std::strchr(escaped, e) : nullptr)
+                items.last() += QLatin1Char(unescaped[n - escaped]);
+            else if (e == 'x' && i < end && digit(d[i]) < 16)
+                read_number(16, 0);
+            else if (e >= '0' && e <= '7')
+                read_number(8, uint(e - '0'));
+            else if ((e == '\n' || e == '\r') && i < end && (d[i] == '\n' || d[i] == '\r') && d[i] != e)
+                ++i;  // an escaped line end, "\r\n" and "\n\r" included
+        } else if (c == '"') {
+            quoted = !quoted;
+            if (!quoted)
+                skip_blanks();
+        } else if (c == ',' && !quoted) {
+            items << QString();
+            skip_blanks();
+        } else {
+            items.last() += QLatin1Char(c);
+        }
+    }
+    return items;
+}
+
+bool holds_serialised_variant(const QByteArray& d)
+{
+    for (int i = 0; i < d.size();) {
+        while (i < d.size() && (d[i] == ' ' || d[i] == '\t' || d[i] == '\n' || d[i] == '\r'))
+            ++i;
+        // A line as QSettings reads it: quotes span line ends, a backslash takes the next
+        // character along, ';' outside quotes starts a comment.
+        const int start = i;
+        int equals = -1;
+        bool quoted = false;
+        for (; i < d.size(); ++i) {
+            const char c = d[i];
+            if (c == '=' && !quoted && equals < 0)
+                equals = i;
+            else if (c == '"')
+                quoted = !quoted;
+            else if (c == '\\')
+                i += (i + 2 < d.size() && (d[i + 1] == '\n' || d[i + 1] == '\r') &&
+                      (d[i + 2] == '\n' || d[i + 2] == '\r') && d[i + 1] != d[i + 2]) ? 2 : 1;
+            else if (!quoted && (c == '\n' || c == '\r' || c == ';'))
+                break;
+        }
+        const int end = qMin(i, int(d.size()));
+        if (equals >= 0 && d[start] != '[') {
+            for (const QString& item : ini_value_items(d, equals + 1, end))
+                if (item.startsWith(QLatin1String("@Variant(")) || item.startsWith(QLatin1String("@DateTime(")))
+                    return true;
+        }
+        while (i < d.size() && d[i] != '\n' && d[i] != '\r')
+            ++i;  // the rest of a comment
+    }
+    return false;
+}
+
+// Why get_scan_info must not hand `path` to QSettings; null when it may.
+const char* unreadable_record(const QString& path)
+{
+    const QFileInfo info(path);
+    if (!info.isFile())
+        return "not a regular file";
+    if (info.size() > kMaxRecordFileBytes)
+        return "larger than 16 MiB";
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return nullptr;  // QSettings reads nothing from it either
+    if (holds_serialised_variant(file.read(kMaxRecordFileBytes + 1)))
+        return "holds a serialised QVariant";
+    return nullptr;
 }
 
 }  // namespace
@@ -161,8 +271,8 @@ windows_information_imp::~windows_information_imp()
 {
     qDebug() << "~windows_information_imp";
     usageRecord["endOn"] = utc_now_stamp();
-    // Written even when no usage record was begun: an empty path makes the write a no-op.
-    write_record_file(usageFilePath, usageRecord, "usage");
+    if (!usageFilePath.isEmpty())  // no usage record was begun: there is nothing to close
+        write_record_file(usageFilePath, usageRecord, "usage");
 }
 
 void windows_information_imp::get_usage_info()
@@ -456,6 +566,10 @@ int windows_information_imp::get_scan_info(const QString& path, QString& data, Q
 {
     if (!QFile::exists(path)) {
         LOG(INFO) << "file not exist" << path.toUtf8().constData();
+        return -1;
+    }
+    if (const char* reason = unreadable_record(path)) {
+        LOG(INFO) << "get_scan_info refused " << path.toUtf8().constData() << ": " << reason;
         return -1;
     }
     QSettings file(path, QSettings::IniFormat);

@@ -7,6 +7,7 @@
 #include <QJsonDocument>
 #include <QProcess>
 #include <QRandomGenerator>
+#include <QRegularExpression>
 #include <QtTest>
 
 #include <csignal>
@@ -167,11 +168,16 @@ void tst_faults::unwritable_record_folder()
     } else {
         QVERIFY(QFile::link(folder, "veltrainfo"));
     }
+    glog_capture log;
     {
         windows_information_imp manager;
         for (int k = 0; k <= int(kind::score); ++k)
             write_kind(manager, kind(k), "text");
-    }  // the destructor rewrites the usage record: it fails quietly too
+    }  // the destructor rewrites the usage record: it fails too
+    // Every lost record leaves one warning: the kinds, then the usage record once more.
+    const QStringList lost = log.lines().filter(QRegularExpression(
+        R"(^record not written: \./veltrainfo/[^ ]+\.(info2|score2) \(QSettings status AccessError\)$)"));
+    QCOMPARE(lost.size(), int(kind::score) + 2);
     if (folder == "file") {
         QFile file("veltrainfo");
         QVERIFY(file.open(QIODevice::ReadOnly));

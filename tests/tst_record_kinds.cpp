@@ -8,6 +8,8 @@
 
 #include <memory>
 
+#include <sys/stat.h>
+
 using namespace information_api;
 using test_support::kind;
 using test_support::read_record;
@@ -391,12 +393,27 @@ void tst_record_kinds::get_scan_info_edges_data()
     QTest::addColumn<QString>("data");
     QTest::addColumn<bool>("dataNull");
     QTest::addColumn<QString>("type");
-    QTest::newRow("missing file") << QByteArray() << -1 << "kept" << false << "kept";
-    QTest::newRow("no data key") << QByteArray("[General]\ntype=share\n") << 0 << "" << true << "share";
-    QTest::newRow("no type key") << QByteArray("[General]\ndata=@ByteArray(x)\n") << 0 << "x" << false << "";
+    QTest::addColumn<QString>("refusal");  // the reason logged for a file QSettings must not read
+    QTest::newRow("missing file") << QByteArray() << -1 << "kept" << false << "kept" << "";
+    QTest::newRow("no data key") << QByteArray("[General]\ntype=share\n") << 0 << "" << true << "share" << "";
+    QTest::newRow("no type key") << QByteArray("[General]\ndata=@ByteArray(x)\n") << 0 << "x" << false << "" << "";
     QTest::newRow("data cut at NUL") << QByteArray("[General]\ndata=@ByteArray(ab\\0cd)\ntype=t\n") << 0 << "ab"
-                                     << false << "t";
-    QTest::newRow("plain text data") << QByteArray("[General]\ndata=plain\ntype=t\n") << 0 << "plain" << false << "t";
+                                     << false << "t" << "";
+    QTest::newRow("plain text data") << QByteArray("[General]\ndata=plain\ntype=t\n") << 0 << "plain" << false << "t" << "";
+    QTest::newRow("variant text inside a record") << QByteArray("[General]\ndata=\"@ByteArray(a,@Variant(\\0))\"\ntype=t\n")
+                                                  << 0 << "a,@Variant(" << false << "t" << "";
+    // QSettings would decode these with QDataStream: a list of 2^31 entries, a list nested 200,000 deep.
+    const QString variant = "holds a serialised QVariant";
+    QTest::newRow("serialised variant") << QByteArray("[General]\ndata=@Variant(\\0\\0\\0\\v\\x7f\\xff\\xff\\xff)\ntype=usage\n")
+                                        << -1 << "kept" << false << "kept" << variant;
+    QTest::newRow("nested 200,000 deep") << "[General]\ntype=usage\ndata=@Variant(" + QByteArray(R"(\0\0\0\t\0\0\0\x1)").repeated(200000) + ")\n"
+                                         << -1 << "kept" << false << "kept" << variant;
+    QTest::newRow("escaped, quoted, in a list, beside data")
+        << QByteArray("[General]\ndata=@ByteArray(x)\nk=a, \"\\100DateTime(\\0\\0\\0\\v\\0\\x7f\\xff\\xff\\xff)\"\n")
+        << -1 << "kept" << false << "kept" << variant;
+    QTest::newRow("larger than 16 MiB") << "[General]\ntype=t\ndata=" + QByteArray(16 << 20, 'x') << -1 << "kept" << false
+                                        << "kept" << "larger than 16 MiB";
+    QTest::newRow("a pipe nobody writes to") << QByteArray("<fifo>") << -1 << "kept" << false << "kept" << "not a regular file";
 }
 
 void tst_record_kinds::get_scan_info_edges()
@@ -406,8 +423,11 @@ void tst_record_kinds::get_scan_info_edges()
     QFETCH(QString, data);
     QFETCH(bool, dataNull);
     QFETCH(QString, type);
+    QFETCH(QString, refusal);
     const QString path = "record.info2";
-    if (!file.isNull()) {
+    if (file == "<fifo>") {
+        QCOMPARE(mkfifo(qPrintable(path), 0600), 0);
+    } else if (!file.isNull()) {
         QFile out(path);
         QVERIFY(out.open(QIODevice::WriteOnly));
         out.write(file);
@@ -425,7 +445,8 @@ void tst_record_kinds::get_scan_info_edges()
     QCOMPARE(gotData.isNull(), dataNull);
     QCOMPARE(gotType, type);
     if (result < 0) {
-        QCOMPARE(log.lines(), QStringList{"file not exist" + path});
+        QCOMPARE(log.lines(), QStringList{file.isNull() ? "file not exist" + path
+                                                        : "get_scan_info refused " + path + ": " + refusal});
         QVERIFY(debug_messages.isEmpty());
     } else {
         QCOMPARE(debug_messages, QStringList{QString("default|information_api/windows_information_imp.cpp|virtual int "

@@ -34,7 +34,9 @@ for target in handlers scan_info; do
   corpus=$(mktemp -d)  # the fuzzer adds what it finds; the seed corpus in the tree stays as it is
   cp tests/fuzz/corpus/$target/* "$corpus/"
   log=build-fuzz/fuzz_$target.log
-  if ! QT_QPA_PLATFORM=offscreen build-fuzz/tests/fuzz/fuzz_$target -max_total_time=30 \
+  dict=()
+  [ -f tests/fuzz/$target.dict ] && dict=(-dict=tests/fuzz/$target.dict)
+  if ! QT_QPA_PLATFORM=offscreen build-fuzz/tests/fuzz/fuzz_$target -max_total_time=30 "${dict[@]}" \
       -rss_limit_mb=2048 -artifact_prefix="$PWD/tests/fuzz/crashes/" "$corpus" >"$log" 2>&1; then
     tail -n 60 "$log"
     echo "fuzz_$target failed; its input is in tests/fuzz/crashes/: fix the fault and keep the input"
