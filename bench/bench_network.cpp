@@ -16,10 +16,13 @@
 #include <QFileInfo>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
+#include <QProcess>
+#include <QSslConfiguration>
 #include <QTemporaryDir>
 #include <QThread>
 
 #include <algorithm>
+#include <cmath>
 #include <atomic>
 #include <chrono>
 #include <fstream>
@@ -41,6 +44,8 @@ double micros(steady::duration d) { return std::chrono::duration<double, std::mi
 
 double percentile(std::vector<double> samples, double p)
 {
+    if (samples.empty())
+        return std::nan("");
     std::sort(samples.begin(), samples.end());
     return samples[std::min(samples.size() - 1, std::size_t(p * double(samples.size())))];
 }
@@ -182,7 +187,6 @@ void BM_upload_call(benchmark::State& state)
     };
     for (auto _ : state) {
         information_init();
-        QThread::msleep(100);  // a host's first upload comes long after start-up
         for (int i = 0; i < 300; ++i) {
             auto start = steady::now();
             upload_information(record_url(), kRecord, kAppId, "usage", &sink, i, 30000);
@@ -408,10 +412,84 @@ void BM_installer_download(benchmark::State& state)
     report_transfer(state, library, curl, library_peak, curl_peak);
 }
 
+// A fresh process's first request, which pays for what Qt sets up once per process: the child
+// (this program, run with kFirstCallChild set to "library" or "bare") starts, times
+// information_init() and its first upload_information() (or a bare QNetworkAccessManager and its
+// first post), waits for the answer and prints the times. QT_FATAL_WARNINGS makes any Qt warning
+// end the child, so that a race over Qt's first registrations shows as a failed run.
+const char* const kFirstCallChild = "BENCH_FIRST_CALL_CHILD";
+
+int first_call_child(const QByteArray& mode, const QString& url)
+{
+    driver sink;
+    QEventLoop loop;
+    sink.on_report = [&](int, bool) { loop.quit(); };
+    auto start = steady::now();
+    double init_us = 0;
+    if (mode == "library") {
+        information_init();
+        init_us = micros(steady::now() - start);
+        start = steady::now();
+        upload_information(url, kRecord, kAppId, "usage", &sink, 1, 30000);
+    } else {
+        auto* manager = new QNetworkAccessManager(&loop);
+        QNetworkRequest request(QUrl(url + "?type=usage"));
+        QSslConfiguration tls = request.sslConfiguration();
+        tls.setPeerVerifyMode(QSslSocket::VerifyNone);
+        request.setSslConfiguration(tls);
+        request.setHeader(QNetworkRequest::ContentTypeHeader, "application/json;charset=utf-8");
+        QObject::connect(manager->post(request, kRecord.toUtf8()), &QNetworkReply::finished, &loop, &QEventLoop::quit);
+    }
+    const double first_us = micros(steady::now() - start);
+    loop.exec();
+    information_clean();
+    std::printf("%f %f\n", init_us, first_us);
+    return 0;
+}
+
+void BM_first_call_in_a_fresh_process(benchmark::State& state)
+{
+    const int runs = 200;
+    std::vector<double> init, first, bare;
+    int failed = 0;
+    for (auto _ : state) {
+        for (int i = 0; i < 2 * runs; ++i) {
+            const bool library = i % 2 == 0;
+            QProcess child;
+            QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+            env.insert(kFirstCallChild, library ? "library" : "bare");
+            env.insert("BENCH_URL", record_url());
+            env.insert("QT_FATAL_WARNINGS", "1");
+            child.setProcessEnvironment(env);
+            child.start(QCoreApplication::applicationFilePath(), QStringList());
+            if (!child.waitForFinished(60000) || child.exitStatus() != QProcess::NormalExit || child.exitCode() != 0) {
+                ++failed;
+                continue;
+            }
+            const QList<QByteArray> times = child.readAllStandardOutput().trimmed().split(' ');
+            if (library) {
+                init.push_back(times.value(0).toDouble());
+                first.push_back(times.value(1).toDouble());
+            } else {
+                bare.push_back(times.value(1).toDouble());
+            }
+        }
+        state.SetIterationTime(percentile(first, 0.5) * 1e-6);
+    }
+    state.counters["runs"] = runs;
+    state.counters["failed_runs"] = failed;
+    state.counters["init_median_us"] = percentile(init, 0.5);
+    state.counters["first_call_median_us"] = percentile(first, 0.5);
+    state.counters["first_call_max_us"] = percentile(first, 1.0);
+    state.counters["bare_first_post_median_us"] = percentile(bare, 0.5);
+    state.counters["first_call_ratio"] = percentile(first, 0.5) / percentile(bare, 0.5);
+}
+
 void discard_message(QtMsgType, const QMessageLogContext&, const QString&) {}
 
 }  // namespace
 
+BENCHMARK(BM_first_call_in_a_fresh_process)->Iterations(1)->UseManualTime()->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_upload_call)->Iterations(1)->UseManualTime()->Unit(benchmark::kMicrosecond);
 // Second argument: 0 against a server delaying its acknowledgements, 1 against a prompt one.
 BENCHMARK(BM_throughput)->Args({1, 0})->Args({16, 0})->Args({1, 1})->Args({16, 1})->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
@@ -422,6 +500,8 @@ BENCHMARK(BM_installer_download)->Iterations(2)->UseManualTime()->Unit(benchmark
 int main(int argc, char** argv)
 {
     QCoreApplication app(argc, argv);
+    if (qEnvironmentVariableIsSet(kFirstCallChild))
+        return first_call_child(qgetenv(kFirstCallChild), qEnvironmentVariable("BENCH_URL"));
     QTemporaryDir work(QDir::current().absoluteFilePath("upload-XXXXXX"));
     QDir::setCurrent(work.path());
     FLAGS_log_dir = work.path().toStdString();  // as in a host: glog writes to its files

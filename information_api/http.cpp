@@ -14,6 +14,7 @@
 #include <QTimer>
 #include <QUrl>
 
+#include <algorithm>
 #include <ctime>
 #include <string>
 #include <unistd.h>
@@ -137,13 +138,20 @@ json_handler* http_connector::choose_handler(const std::string&)
 
 void http_connector::start_timeout(int timeout_ms)
 {
-    // The timer starts on the thread the connector ends up on, once it has arrived there (the
-    // queued call travels with the timer when the connector is moved). Started on the caller's
-    // thread instead, it would never fire on a host thread that Qt did not start (no event
-    // dispatcher), and a timer moved while running leaves Qt's re-registration behind if the
-    // worker stops first.
     timer_->setInterval(timeout_ms);
-    QMetaObject::invokeMethod(timer_, qOverload<>(&QTimer::start), Qt::QueuedConnection);
+    if (!g_api_thread) {  // the connector stays on the caller's thread, and so does its timer
+        timer_->start();
+        return;
+    }
+    // Moving to the worker: the timer starts there once the connector has arrived (a host
+    // thread that Qt did not start has no event dispatcher to run it, and a timer moved while
+    // running leaves Qt's registration behind if the worker stops first). A reply that has
+    // already ended by then, as a refused or malformed request does at once, needs none.
+    QMetaObject::invokeMethod(this, [this] {
+        const auto replies = manager->findChildren<QNetworkReply*>();
+        if (std::any_of(replies.begin(), replies.end(), [](QNetworkReply* r) { return !r->isFinished(); }))
+            timer_->start();
+    }, Qt::QueuedConnection);
 }
 
 void http_connector::connect_reply_slots()
@@ -192,8 +200,7 @@ void http_connector::report_network_error(QNetworkReply* reply)
 {
     const QString text = reply->errorString();
     rt_ = 7;
-    if (sink_)
-        sink_->on_response(id_, QVariant::fromValue(failure(text, 7, reply->error())));
+    report_response(sink_, id_, failure(text, 7, reply->error()));
 }
 
 void http_connector::timeout_event()
@@ -201,8 +208,7 @@ void http_connector::timeout_event()
     rt_ = 6;
     const response_info_t info = failure(QStringLiteral("timeout"), 6, -1);
     LOG(INFO) << "net connect time out";
-    if (sink_)
-        sink_->on_response(id_, QVariant::fromValue(info));
+    report_response(sink_, id_, info);
 }
 
 void http_connector::http_ready_read()
@@ -249,8 +255,7 @@ void http_connector::replyFinished(QNetworkReply* reply)
 void http_connector::error(QNetworkReply::NetworkError code)
 {
     LOG(INFO) << "error" << int(code);
-    if (sink_)
-        sink_->on_response(id_, QVariant::fromValue(failure(QString(), 7, code)));
+    report_response(sink_, id_, failure(QString(), 7, code));
 }
 
 void http_connector::sslErrors(const QList<QSslError>& errors)
@@ -400,8 +405,7 @@ void http_connector::slot_onDownLoadFileDownloadProgress(qint64 received, qint64
 {
     qDebug() << "slot_onDownLoadFileDownloadProgress" << "recive : " << received;
     qDebug() << "slot_onDownLoadFileDownloadProgress" << "total  : " << total;
-    if (sink_)
-        sink_->on_download_progress(received, total);
+    report_download_progress(sink_, id_, received, total);
 }
 
 void http_connector::slot_onDownLoadFileFinished()
@@ -425,8 +429,7 @@ void http_connector::slot_onDownLoadFileFinished()
     } else {
         qDebug() << "slot_onDownLoadFileFinished" << temp_path << " is not exists ! Download failed!";
     }
-    if (sink_)
-        sink_->on_download_finished(true, 0, 0);
+    report_download_end(sink_, id_, true, 0, 0);
 }
 
 void http_connector::slot_onDownLoadFileError(QNetworkReply::NetworkError code)
@@ -469,8 +472,7 @@ void http_connector::replyDownload(QNetworkReply* reply)
     }
     qDebug() << "rt_=" << rt_;
     qDebug() << "net_errocode=" << net_error;
-    if (sink_)
-        sink_->on_download_finished(success, status, net_error);
+    report_download_end(sink_, id_, success, status, net_error);
 }
 
 bool http_connector::installNewApp()

@@ -6,10 +6,13 @@
 
 #include <QDebug>
 #include <QNetworkAccessManager>
+#include <QSemaphore>
 #include <QSslConfiguration>
 
 #include <cstdlib>
 #include <ctime>
+#include <mutex>
+#include <utility>
 
 namespace information_api {
 
@@ -22,15 +25,25 @@ information_sink::~information_sink() = default;
 namespace {
 
 // The first network access manager of a process loads Qt's bearer plugins and the first TLS
-// configuration loads OpenSSL, milliseconds each. The worker thread pays both as it starts, so
-// that no host call does.
-void warm_network_stack(QThread* thread)
+// configuration loads OpenSSL, milliseconds each. The worker thread pays both as it starts, and
+// information_init() waits for it: the host's first request then costs no more than any other,
+// and the two threads never race on Qt's first registrations of the network types.
+void start_warm_worker(api_thread* thread)
 {
-    QObject::connect(thread, &QThread::started, [] {
+    QSemaphore warm;
+    const QMetaObject::Connection warming = QObject::connect(thread, &QThread::started, [&warm] {
         { QNetworkAccessManager warm_up; }
         QSslConfiguration::defaultConfiguration();
+        warm.release();
     });
+    thread->start();
+    warm.acquire();
+    QObject::disconnect(warming);
 }
+
+// Guards the registry: the host's thread opens connections while a sink on the worker thread may
+// release one.
+std::mutex registry_mutex;
 
 // Everything the caller wrote before a hand-over is visible to every event the worker delivers
 // afterwards (Qt's event queue sees to it; the marks tell ThreadSanitizer).
@@ -53,6 +66,7 @@ void announce_hand_over()
 http_connector* open_connection(int id, information_sink* sink)
 {
     auto* connector = new http_connector(id, sink, nullptr);
+    std::lock_guard<std::mutex> lock(registry_mutex);
     g_conn_manager[id] = connector;
     return connector;
 }
@@ -72,8 +86,7 @@ VeltraInfoMgr* information_init()
 {
     if (!g_api_thread) {
         g_api_thread = new api_thread;
-        warm_network_stack(g_api_thread);
-        g_api_thread->start();
+        start_warm_worker(g_api_thread);
     }
     if (g_information)
         return g_information;
@@ -83,23 +96,32 @@ VeltraInfoMgr* information_init()
 
 int information_clean()
 {
-    for (auto& entry : g_conn_manager)
+    std::map<int, http_connector*> open;
+    {
+        std::lock_guard<std::mutex> lock(registry_mutex);
+        open.swap(g_conn_manager);
+    }
+    for (auto& entry : open)
         entry.second->deleteLater();
-    g_conn_manager.clear();
-    if (g_api_thread) {
-        g_api_thread->stop();
-        g_api_thread->deleteLater();
-        g_api_thread = nullptr;
+    if (api_thread* worker = std::exchange(g_api_thread, nullptr)) {
+        if (QThread::currentThread() == worker) {
+            // Called from a sink: the worker cannot wait for itself. It ends as soon as this
+            // report returns, reports nothing more meanwhile, and its object goes once it ended.
+            worker->requestInterruption();
+            worker->quit();
+            QObject::connect(worker, &QThread::finished, worker, &QObject::deleteLater);
+        } else {
+            worker->stop();
+            worker->deleteLater();
+        }
     }
-    if (g_information) {
-        delete g_information;
-        g_information = nullptr;
-    }
+    delete std::exchange(g_information, nullptr);
     return 0;
 }
 
 int release_connect(int id)
 {
+    std::lock_guard<std::mutex> lock(registry_mutex);
     if (g_conn_manager.empty())
         return -1;
     const auto it = g_conn_manager.lower_bound(id);

@@ -11,6 +11,9 @@
 #include <QJsonParseError>
 #include <QNetworkReply>
 #include <QNetworkRequest>
+#include <QThread>
+
+#include <functional>
 
 #include <sstream>
 #include <string>
@@ -62,10 +65,17 @@ void mark_failed(response_info_t& info, QNetworkReply* reply)
     LOG(WARNING) << "error: failed response " << reply->errorString().toUtf8().constData();
 }
 
-void report(information_sink* sink, int id, const response_info_t& info)
+void deliver(information_sink* sink, int id, const std::function<void(information_sink&)>& call)
 {
-    if (sink)
-        sink->on_response(id, QVariant::fromValue(info));
+    if (!sink || QThread::currentThread()->isInterruptionRequested())
+        return;
+    try {
+        call(*sink);
+    } catch (const std::exception& e) {
+        LOG(WARNING) << "the sink of connection " << id << " threw: " << e.what();
+    } catch (...) {
+        LOG(WARNING) << "the sink of connection " << id << " threw";
+    }
 }
 
 // Parses a service answer; throws what the reader throws, and refuses absurd nesting the same way.
@@ -92,6 +102,21 @@ void log_parse_exception(const std::string& body)
 }
 
 }  // namespace
+
+void report_response(information_sink* sink, int id, const response_info_t& info)
+{
+    deliver(sink, id, [&](information_sink& s) { s.on_response(id, QVariant::fromValue(info)); });
+}
+
+void report_download_progress(information_sink* sink, int id, qint64 received, qint64 total)
+{
+    deliver(sink, id, [&](information_sink& s) { s.on_download_progress(received, total); });
+}
+
+void report_download_end(information_sink* sink, int id, bool success, int code, int net_error)
+{
+    deliver(sink, id, [&](information_sink& s) { s.on_download_finished(success, code, net_error); });
+}
 
 json_handler::return_type json_handler::operator()(QNetworkReply* reply)
 {
@@ -129,7 +154,7 @@ json_handler::return_type upload_handler::operator()(QNetworkReply* reply)
         if (!result.empty())
             info.msg = QString::fromStdString(result);
     }
-    report(sink_, id_, info);
+    report_response(sink_, id_, info);
     return 0;
 }
 
@@ -156,7 +181,7 @@ json_handler::return_type upload_file_handler::operator()(QNetworkReply* reply)
     }
     if (status != "success")
         mark_failed(info, reply);
-    report(sink_, id_, info);
+    report_response(sink_, id_, info);
     return 0;
 }
 
@@ -192,12 +217,11 @@ json_handler::return_type get_url_json_file_handler::operator()(QNetworkReply* r
     if (status != "success")
         mark_failed(info, reply);
     if (sink_) {
-        const QVariant wrapped = QVariant::fromValue(info);
-        const QJsonDocument document = wrapped.value<response_info_t>().content.toJsonDocument();
+        const QJsonDocument document = info.content.toJsonDocument();
         LOG(INFO) << " json  pram   : isEmpty=" << is_empty_document(document)
                   << "isNull=" << document.isNull() << "isArray=" << document.isArray();
-        sink_->on_response(id_, wrapped);
     }
+    report_response(sink_, id_, info);
     return 0;
 }
 

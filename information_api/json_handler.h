@@ -44,6 +44,14 @@ public:
     return_type operator()(QNetworkReply* reply) override;
 };
 
+// Every call into the host's sink goes through these. A null sink takes nothing. An exception
+// the sink lets escape is logged and dropped: on its way through Qt's event loop it would end the
+// host's process. After information_clean() was called from a sink on the worker thread, nothing
+// more is delivered there.
+void report_response(information_sink* sink, int id, const response_info_t& info);
+void report_download_progress(information_sink* sink, int id, qint64 received, qint64 total);
+void report_download_end(information_sink* sink, int id, bool success, int code, int net_error);
+
 // Answers nested deeper than this are refused before the property_tree reader sees them: it
 // recurses once per level with no limit, and real answers are a few levels deep.
 constexpr int kMaxJsonNesting = 512;

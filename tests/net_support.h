@@ -9,6 +9,7 @@
 #include <QtTest>
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <tuple>
 #include <mutex>
@@ -26,24 +27,39 @@ struct report {
     std::chrono::steady_clock::time_point at;
 };
 
-// Records every sink call, from whatever thread it comes.
+// Records every sink call, from whatever thread it comes, then runs `then` (if set) with the
+// connection id (-1 for the download calls): a host's own reaction, which may throw.
 class recording_sink : public information_api::information_sink {
 public:
+    std::function<void(int)> then;
+
     void on_response(int id, QVariant result) override
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        reports_.push_back({id, result.value<information_api::response_info_t>(), QThread::currentThread(),
-                            std::chrono::steady_clock::now()});
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            reports_.push_back({id, result.value<information_api::response_info_t>(), QThread::currentThread(),
+                                std::chrono::steady_clock::now()});
+        }
+        if (then)
+            then(id);
     }
     void on_download_progress(qint64 received, qint64 total) override
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        progress_.push_back({received, total});
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            progress_.push_back({received, total});
+        }
+        if (then)
+            then(-1);
     }
     void on_download_finished(bool success, int code, int net_error) override
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        finished_.push_back({success, code, net_error});
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            finished_.push_back({success, code, net_error});
+        }
+        if (then)
+            then(-1);
     }
 
     std::vector<report> reports(int id) const

@@ -10,7 +10,9 @@
 #include <QTcpSocket>
 #include <QtTest>
 
+#include <array>
 #include <atomic>
+#include <optional>
 #include <thread>
 
 using namespace information_api;
@@ -43,6 +45,7 @@ void capture_warning(QtMsgType type, const QMessageLogContext&, const QString& t
 class tst_http_connector : public QObject {
     Q_OBJECT
 private slots:
+    void init_returns_with_the_network_stack_warm();  // first: nothing may have warmed it before
     void meta_object_table();
     void url_rule_data();
     void url_rule();
@@ -52,10 +55,23 @@ private slots:
     void download_temporary_name();
     void timeout_repeats_until_released();
     void timeout_works_from_a_thread_qt_did_not_start();
+    void no_timeout_after_the_end_data();
+    void no_timeout_after_the_end();
     void registry();
+    void calls_from_inside_a_report();
     void thousand_in_flight();
     void release_frees_the_connector();
 };
+
+void tst_http_connector::init_returns_with_the_network_stack_warm()
+{
+    // Qt registers its network types with the first network access manager of a process. The
+    // worker does that as it starts, and information_init() waits for it: the host's first
+    // request neither pays for it nor races the worker over the registrations.
+    QCOMPARE(QMetaType::type("QPair<QByteArray,QByteArray>"), int(QMetaType::UnknownType));
+    library_session session;
+    QVERIFY(QMetaType::type("QPair<QByteArray,QByteArray>") != QMetaType::UnknownType);
+}
 
 void tst_http_connector::meta_object_table()
 {
@@ -179,6 +195,7 @@ void tst_http_connector::timeout_repeats_until_released()
     service->answer_all(silence());
     const int timeout_ms = 100;
 
+    sink.then = [](int) { throw std::runtime_error("host bug"); };  // the reports go on regardless
     upload_information(record_url(*service), "{}", kAppId, "usage", &sink, 2, timeout_ms);
     QPointer<http_connector> connector = g_conn_manager.at(2);
     std::atomic<std::size_t> reports_at_destruction{0};
@@ -195,6 +212,7 @@ void tst_http_connector::timeout_repeats_until_released()
             QVERIFY(reports[i].at - reports[i - 1].at >= std::chrono::milliseconds(timeout_ms * 8 / 10));
     }
     QVERIFY(log.lines().contains("net connect time out"));
+    QVERIFY(log.lines().contains("the sink of connection 2 threw: host bug"));
     QTRY_COMPARE(service->received_count(), std::size_t(1));  // the request is left running
 
     QCOMPARE(release_connect(2), 0);
@@ -217,6 +235,43 @@ void tst_http_connector::timeout_works_from_a_thread_qt_did_not_start()
     QTRY_VERIFY(sink.count(3) >= 2);
     QCOMPARE(sink.reports(3).back().info.ret, 6);
     QVERIFY2(captured_warnings.isEmpty(), qPrintable(captured_warnings.join('\n')));
+}
+
+void tst_http_connector::no_timeout_after_the_end_data()
+{
+    QTest::addColumn<int>("request");  // record upload, file upload, interface fetch
+    QTest::addColumn<bool>("initialised");
+    for (bool initialised : {false, true})
+        for (int request : {0, 1, 2})
+            QTest::addRow("%s, %s", std::array{"upload", "file", "fetch"}[request],
+                          initialised ? "worker" : "caller's thread")
+                << request << initialised;
+}
+
+void tst_http_connector::no_timeout_after_the_end()
+{
+    QFETCH(int, request);
+    QFETCH(bool, initialised);
+    recording_sink sink;
+    std::optional<library_session> session;
+    std::optional<scoped_working_dir> dir;
+    if (initialised)
+        session.emplace();
+    else
+        dir.emplace();
+    QFile("file.bin").open(QIODevice::WriteOnly);
+    const QString url = "unknown://127.0.0.1:1";  // fails at once, before any time-out
+    if (request == 0)
+        upload_information(url, "{}", kAppId, "usage", &sink, 1, 50);
+    else if (request == 1)
+        upload_file(url, "file.bin", kAppId, "", &sink, 1, 50);
+    else
+        get_url_json_file(url, "scan", &sink, 1, 50);
+    QTRY_VERIFY(sink.count(1) > 0);
+    QTest::qWait(300);  // six time-outs long
+    for (const report& r : sink.reports(1))
+        QCOMPARE(r.info.ret, 7);
+    release_connect(1);
 }
 
 void tst_http_connector::registry()
@@ -243,6 +298,49 @@ void tst_http_connector::registry()
     QVERIFY(g_conn_manager.empty() && !g_api_thread && !g_information);
     QVERIFY(information_init());  // the library can start again
     QCOMPARE(information_clean(), 0);
+}
+
+void tst_http_connector::calls_from_inside_a_report()
+{
+    recording_sink sink;
+    scoped_working_dir dir;
+    information_init();
+    auto service = start_service();
+    // A host ends each connection from its own report while its thread opens more.
+    std::atomic<int> released{0};
+    sink.then = [&](int id) { released += release_connect(id) == 0; };
+    for (int id = 0; id < 200; ++id)
+        upload_information(record_url(*service), "{}", kAppId, "usage", &sink, id, 5000);
+    QTRY_COMPARE_WITH_TIMEOUT(released.load(), 200, 60000);
+
+    // ... or ends the library from a report (here the first of a refused request's two): no
+    // report follows, not even the second, and the library can start again.
+    auto gone = start_service();
+    const QString refused = record_url(*gone);
+    gone->stop();
+    const std::size_t before = sink.total();
+    std::atomic<int> cleaned{0};  // 1 while cleaning, 2 once done
+    sink.then = [&](int) {
+        if (cleaned++ == 0) {
+            information_clean();
+            cleaned = 2;
+        }
+    };
+    captured_warnings.clear();
+    const QtMessageHandler previous = qInstallMessageHandler(capture_warning);
+    for (int id = 0; id < 20; ++id)
+        upload_information(refused, "{}", kAppId, "usage", &sink, id, 5000);
+    QTRY_VERIFY(cleaned.load() >= 2);
+    QTest::qWait(200);
+    qInstallMessageHandler(previous);
+    QCOMPARE(sink.total(), before + 1);
+    QVERIFY2(captured_warnings.isEmpty(), qPrintable(captured_warnings.join('\n')));
+    QVERIFY(!g_api_thread && !g_information && g_conn_manager.empty());
+    sink.then = nullptr;
+    QVERIFY(information_init());
+    upload_information(record_url(*service), "{}", kAppId, "usage", &sink, 99, 5000);
+    QTRY_VERIFY(sink.count(99) == 1 && sink.reports(99).front().info.ok);
+    information_clean();
 }
 
 void tst_http_connector::thousand_in_flight()
