@@ -31,13 +31,16 @@ namespace {
 void start_warm_worker(api_thread* thread)
 {
     QSemaphore warm;
-    const QMetaObject::Connection warming = QObject::connect(thread, &QThread::started, [&warm] {
+    const QMetaObject::Connection warming = QObject::connect(thread, &QThread::started, [done = &warm] {
         { QNetworkAccessManager warm_up; }
         QSslConfiguration::defaultConfiguration();
-        warm.release();
+        QSemaphore* const warmed = done;  // this function object is gone once the caller goes on
+        mark_release(warmed);
+        warmed->release();
     });
     thread->start();
     warm.acquire();
+    mark_acquire(&warm);
     QObject::disconnect(warming);
 }
 
@@ -74,9 +77,9 @@ http_connector* open_connection(int id, information_sink* sink)
 // After its request has been issued, the connector lives on the worker thread.
 void hand_over(http_connector* connector)
 {
-    if (g_api_thread) {
+    if (QThread* worker = g_api_thread) {
         announce_hand_over();
-        connector->moveToThread(g_api_thread);
+        connector->moveToThread(worker);
     }
 }
 
@@ -106,10 +109,15 @@ int information_clean()
     if (api_thread* worker = std::exchange(g_api_thread, nullptr)) {
         if (QThread::currentThread() == worker) {
             // Called from a sink: the worker cannot wait for itself. It ends as soon as this
-            // report returns, reports nothing more meanwhile, and its object goes once it ended.
+            // report returns and reports nothing more meanwhile; the thread that started it
+            // waits for that and deletes it.
             worker->requestInterruption();
             worker->quit();
-            QObject::connect(worker, &QThread::finished, worker, &QObject::deleteLater);
+            QMetaObject::invokeMethod(worker, [worker] {
+                worker->stop();
+                worker->deleteLater();
+            }, Qt::QueuedConnection);
+            announce_hand_over();
         } else {
             worker->stop();
             worker->deleteLater();
