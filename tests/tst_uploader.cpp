@@ -14,13 +14,13 @@
 using namespace test_support;
 
 // What a row arranges besides the folder and the settings.
-enum run_condition { as_is, forced, refusing_b, service_down, locked, read_only };
+enum run_condition { as_is, forced, refusing_b, service_down, locked, read_only, turns_read_only };
 Q_DECLARE_METATYPE(run_condition)
 
 namespace {
 
 // Writes ./veltrainfo/ from `ages` (file name: days since it changed): *.info2 and *.score2 names
-// as records carrying their name, anything else as an empty stray file.
+// as records carrying their name, anything else as an empty file.
 void write_folder(const QVariantMap& ages)
 {
     QDir().mkpath("veltrainfo");
@@ -88,6 +88,8 @@ void tst_uploader::one_run_data()
         QString("in use by tst_uploader (pid %1 on ").arg(QCoreApplication::applicationPid()),
         {".information_uploader.lock", "a.info2"}, 0);
     row("read-only folder", {}, a, read_only, 1, "cannot remove records from ./veltrainfo/", {"a.info2"}, 0);
+    row("folder read-only once sent", {}, a, turns_read_only, 1, "first failure: a.info2: uploaded, but not removed",
+        {".information_uploader.lock", "a.info2"}, 1);
     for (const QString remain : {"thirty", "0", "-3", ""})
         row(R"(remain ")" + remain + '"', {{"remain", remain}}, {{"a.info2", 3}}, as_is, 0,
             QString(R"(warning: "remain" is "%1")").arg(remain), {}, 1);
@@ -126,13 +128,19 @@ void tst_uploader::one_run()
                 return json_reply(R"({"status":"failed","result":"duplicate record"})");
             return std::nullopt;
         });
+    if (condition == turns_read_only)
+        service->set_script([](const collection::received_request&) {
+            chmod("veltrainfo", 0555);
+            return std::optional<collection::reply>();
+        });
     QLockFile other_run("veltrainfo/.information_uploader.lock");
     if (condition == locked)
         QVERIFY(other_run.lock());
     // Permissions do not bind root: as root, the uploader runs as nobody.
-    const bool as_nobody = condition == read_only && geteuid() == 0;
-    if (condition == read_only)
-        QVERIFY(chmod(".", 0755) == 0 && chmod("veltrainfo", 0555) == 0);
+    const bool unwritable = condition == read_only || condition == turns_read_only;
+    const bool as_nobody = unwritable && geteuid() == 0;
+    if (unwritable)
+        QVERIFY(chmod(".", 0755) == 0 && chmod("veltrainfo", condition == read_only ? 0555 : 0777) == 0);
 
     const run_result run = run_uploader(url, condition == forced ? QStringList{"--force"} : QStringList{}, as_nobody);
     chmod("veltrainfo", 0755);

@@ -48,14 +48,14 @@ int records_in_folder()
 void check_system_settings(options& opts)
 {
     const QSettings system("./res/system.ini", QSettings::IniFormat);
-    bool ok = true;
     const QVariant remain = system.value("remain");
-    if (remain.isValid() && (remain.toInt(&ok) <= 0 || !ok)) {
+    if (remain.isValid() && remain.toInt() <= 0) {  // what is not a whole number reads as 0
         std::fprintf(stderr, "warning: \"remain\" is \"%s\" in ./res/system.ini, not a positive whole "
                              "number of days; no record expires\n", qPrintable(remain.toString()));
         opts.expire = false;
     }
     const QVariant interval = system.value("uploadintval", 1);
+    bool ok = true;
     opts.due_after_days = interval.toInt(&ok);
     if (!ok)
         std::fprintf(stderr, "warning: \"uploadintval\" is \"%s\" in ./res/system.ini, not a whole "
@@ -65,7 +65,6 @@ void check_system_settings(options& opts)
 
 // Two uploaders on one folder would send every record twice; a record the uploader cannot remove
 // would be sent again by every run. Returns 0 when this run may send, else its exit status.
-// The lock is taken over only once its owner has died: a --watch run holds it for days.
 int claim_record_folder(QLockFile& lock)
 {
     QDir().mkpath("veltrainfo");
@@ -75,7 +74,7 @@ int claim_record_folder(QLockFile& lock)
                              "run would send them again\n", qPrintable(probe.errorString()));
         return some_failed;
     }
-    lock.setStaleLockTime(0);
+    lock.setStaleLockTime(0);  // only a dead owner's lock is stale: a --watch run holds it for days
     if (lock.tryLock())
         return 0;
     if (lock.error() != QLockFile::LockFailedError) {
