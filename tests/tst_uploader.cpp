@@ -2,23 +2,35 @@
 // which stay, and the exit status of each run.
 #include "net_support.h"
 
+#include <QLockFile>
 #include <QProcess>
 #include <QtTest>
 
 #include <atomic>
 #include <set>
+#include <sys/stat.h>
+#include <unistd.h>
 
 using namespace test_support;
 
+// What a row arranges besides the folder and the settings.
+enum run_condition { as_is, forced, refusing_b, service_down, locked, read_only, turns_read_only };
+Q_DECLARE_METATYPE(run_condition)
+
 namespace {
 
-void write_records(int count)
+// Writes ./veltrainfo/ from `ages` (file name: days since it changed): *.info2 and *.score2 names
+// as records carrying their name, anything else as an empty file.
+void write_folder(const QVariantMap& ages)
 {
     QDir().mkpath("veltrainfo");
-    for (int i = 0; i < count; ++i) {
-        QSettings record(QString("veltrainfo/2026-11-0%1T10-00-00Z.info2").arg(i + 1), QSettings::IniFormat);
-        record.setValue("data", QByteArray(R"({"seriaNum":"SN-)" + QByteArray::number(i) + R"("})"));
-        record.setValue("type", "usage");
+    for (auto it = ages.cbegin(); it != ages.cend(); ++it) {
+        const QString path = "veltrainfo/" + it.key();
+        if (path.endsWith(".info2") || path.endsWith(".score2"))
+            write_ini(path, {{"data", QByteArray(R"({"record":")" + it.key().toUtf8() + R"("})")}, {"type", "usage"}});
+        QFile file(path);
+        QVERIFY(file.open(QIODevice::Append));
+        file.setFileTime(QDateTime::currentDateTime().addDays(-it.value().toInt()), QFileDevice::FileModificationTime);
     }
 }
 
@@ -27,11 +39,16 @@ struct run_result {
     QString err;
 };
 
-run_result run_uploader(const QString& url, const QStringList& extra = {})
+run_result run_uploader(const QString& url, const QStringList& extra = {}, bool as_nobody = false)
 {
+    QStringList args = QStringList{"--dir", QDir::currentPath(), "--url", url, "--timeout", "3000"} + extra;
+    QString program = UPLOADER_PATH;
+    if (as_nobody) {
+        args = QStringList{"--reuid=65534", "--regid=65534", "--clear-groups", program} + args;
+        program = "setpriv";
+    }
     QProcess uploader;
-    uploader.start(UPLOADER_PATH, QStringList{"--dir", QDir::currentPath(), "--url", url,
-                                              "--timeout", "3000"} + extra);
+    uploader.start(program, args);
     if (!uploader.waitForFinished(60000))
         return {-1, "did not finish"};
     return {uploader.exitCode(), QString::fromUtf8(uploader.readAllStandardError())};
@@ -42,71 +59,109 @@ run_result run_uploader(const QString& url, const QStringList& extra = {})
 class tst_uploader : public QObject {
     Q_OBJECT
 private slots:
-    void every_due_record_uploaded_and_removed();
-    void refusal_keeps_the_file();
-    void disabled_uploads_nothing();
+    void one_run_data();
+    void one_run();
     void service_dying_mid_run_loses_nothing();
 };
 
-void tst_uploader::every_due_record_uploaded_and_removed()
+void tst_uploader::one_run_data()
 {
-    scoped_working_dir dir;
-    write_ini("res/system.ini", {{"enable", 1}, {"uploadintval", 0}});
-    write_records(5);
-    write_ini("veltrainfo/2026-11-01T10-00-00.score2", {{"data", "{}"}, {"type", "score"}});
-    auto service = start_service();
+    QTest::addColumn<QVariantMap>("settings");  // over enable=1, uploadintval=0
+    QTest::addColumn<QVariantMap>("files");
+    QTest::addColumn<run_condition>("condition");
+    QTest::addColumn<int>("exit_code");
+    QTest::addColumn<QString>("err");  // a part of standard error
+    QTest::addColumn<QStringList>("left");
+    QTest::addColumn<int>("received");
+    const auto row = [](const QString& name, QVariantMap settings, QVariantMap files, run_condition condition, int code,
+                        QString err, QStringList left, int received) {
+        QTest::newRow(qPrintable(name)) << settings << files << condition << code << err << left << received;
+    };
+    const QVariantMap a{{"a.info2", 0}};
+    row("due uploaded, score kept", {}, {{"a.info2", 0}, {"b.info2", 1}, {"c.info2", 2}, {"d.info2", 0}, {"e.info2", 0}, {"s.score2", 0}},
+        as_is, 0, "", {"s.score2"}, 5);
+    row("refused record kept", {}, {{"a.info2", 0}, {"b.info2", 0}, {"c.info2", 0}}, refusing_b, 1,
+        "b.info2: duplicate record", {"b.info2"}, 3);
+    row("disabled", {{"enable", 0}}, a, as_is, 3, "disabled", {"a.info2"}, 0);
+    row("disabled, forced", {{"enable", 0}}, a, forced, 0, "", {}, 1);
+    row("second run while locked", {}, a, locked, 4,
+        QString("in use by tst_uploader (pid %1 on ").arg(QCoreApplication::applicationPid()),
+        {".information_uploader.lock", "a.info2"}, 0);
+    row("read-only folder", {}, a, read_only, 1, "cannot remove records from ./veltrainfo/", {"a.info2"}, 0);
+    row("folder read-only once sent", {}, a, turns_read_only, 1, "first failure: a.info2: uploaded, but not removed",
+        {".information_uploader.lock", "a.info2"}, 1);
+    for (const QString remain : {"thirty", "0", "-3", ""})
+        row(R"(remain ")" + remain + '"', {{"remain", remain}}, {{"a.info2", 3}}, as_is, 0,
+            QString(R"(warning: "remain" is "%1")").arg(remain), {}, 1);
+    row("uploadintval abc", {{"uploadintval", "abc"}}, a, as_is, 0, R"(warning: "uploadintval" is "abc")", {}, 1);
+    row("connection refused", {}, a, service_down, 1, "first failure: a.info2: Connection refused", {"a.info2"}, 0);
+    row("nothing due: no records", {}, {{"s.score2", 0}}, as_is, 0, "nothing due: no records", {"s.score2"}, 0);
+    row("nothing due: young, the old one expired", {{"uploadintval", 1}}, {{"a.info2", 0}, {"b.info2", 0}, {"old.info2", 40}},
+        as_is, 0, R"(nothing due: 2 records younger than 1 "uploadintval" day(s))", {"a.info2", "b.info2"}, 0);
+    row("write leftovers older than a day removed", {},
+        {{"a.info2.lock", 2}, {"a.info2.x1Y2z3", 2}, {"s.score2.lock", 2}, {"b.info2.lock", 0}, {"b.info2.q9W8e7", 0}, {"s.score2", 2}},
+        as_is, 0, "", {"b.info2.lock", "b.info2.q9W8e7", "s.score2"}, 0);
+}
 
-    const run_result run = run_uploader(record_url(*service));
-    QCOMPARE(run.exit_code, 0);
-    QCOMPARE(record_files(), QStringList{"2026-11-01T10-00-00.score2"});
-    const auto requests = service->received();
-    QCOMPARE(requests.size(), std::size_t(5));
-    for (const auto& request : requests) {
+void tst_uploader::one_run()
+{
+    QFETCH(QVariantMap, settings);
+    QFETCH(QVariantMap, files);
+    QFETCH(run_condition, condition);
+    QFETCH(int, exit_code);
+    QFETCH(QString, err);
+    QFETCH(QStringList, left);
+    QFETCH(int, received);
+    scoped_working_dir dir;
+    QVariantMap system{{"enable", 1}, {"uploadintval", 0}};
+    for (auto it = settings.cbegin(); it != settings.cend(); ++it)
+        system[it.key()] = it.value();
+    write_ini("res/system.ini", system);
+    write_folder(files);
+    auto service = start_service();
+    const QString url = record_url(*service);
+    if (condition == service_down)
+        service->stop();
+    if (condition == refusing_b)
+        service->set_script([](const collection::received_request& r) -> std::optional<collection::reply> {
+            if (r.body.find("b.info2") != std::string::npos)
+                return json_reply(R"({"status":"failed","result":"duplicate record"})");
+            return std::nullopt;
+        });
+    if (condition == turns_read_only)
+        service->set_script([](const collection::received_request&) {
+            chmod("veltrainfo", 0555);
+            return std::optional<collection::reply>();
+        });
+    QLockFile other_run("veltrainfo/.information_uploader.lock");
+    if (condition == locked)
+        QVERIFY(other_run.lock());
+    // Permissions do not bind root: as root, the uploader runs as nobody.
+    const bool unwritable = condition == read_only || condition == turns_read_only;
+    const bool as_nobody = unwritable && geteuid() == 0;
+    if (unwritable)
+        QVERIFY(chmod(".", 0755) == 0 && chmod("veltrainfo", condition == read_only ? 0555 : 0777) == 0);
+
+    const run_result run = run_uploader(url, condition == forced ? QStringList{"--force"} : QStringList{}, as_nobody);
+    chmod("veltrainfo", 0755);
+    QCOMPARE(run.exit_code, exit_code);
+    QVERIFY2(run.err.contains(err), qPrintable(run.err));
+    QCOMPARE(record_files(), left);
+    QCOMPARE(service->received_count(), std::size_t(received));
+    for (const auto& request : service->received()) {
         QCOMPARE(request.target, std::string("/dtta?type=usage"));
         QCOMPARE(request.header("X-Auth-AppID"), std::string(collection::kReleaseAppId));
     }
-}
-
-void tst_uploader::refusal_keeps_the_file()
-{
-    scoped_working_dir dir;
-    write_ini("res/system.ini", {{"enable", 1}, {"uploadintval", 0}});
-    write_records(3);
-    auto service = start_service();
-    service->set_script([](const collection::received_request& r) -> std::optional<collection::reply> {
-        if (r.body.find("SN-1") != std::string::npos)
-            return json_reply(R"({"status":"failed","result":"duplicate record"})");
-        return std::nullopt;
-    });
-
-    const run_result run = run_uploader(record_url(*service));
-    QCOMPARE(run.exit_code, 1);
-    QVERIFY2(run.err.contains("duplicate record"), qPrintable(run.err));
-    QCOMPARE(record_files(), QStringList{"2026-11-02T10-00-00Z.info2"});
-}
-
-void tst_uploader::disabled_uploads_nothing()
-{
-    scoped_working_dir dir;
-    write_ini("res/system.ini", {{"enable", 0}, {"uploadintval", 0}});
-    write_records(2);
-    auto service = start_service();
-
-    const run_result run = run_uploader(record_url(*service));
-    QCOMPARE(run.exit_code, 3);
-    QVERIFY(run.err.contains("disabled"));
-    QCOMPARE(service->received_count(), std::size_t(0));
-    QCOMPARE(record_files().size(), 2);
-
-    QCOMPARE(run_uploader(record_url(*service), {"--force"}).exit_code, 0);
-    QCOMPARE(record_files().size(), 0);
 }
 
 void tst_uploader::service_dying_mid_run_loses_nothing()
 {
     scoped_working_dir dir;
     write_ini("res/system.ini", {{"enable", 1}, {"uploadintval", 0}});
-    write_records(8);
+    QVariantMap eight;
+    for (int i = 0; i < 8; ++i)
+        eight[QString("%1.info2").arg(i)] = 0;
+    write_folder(eight);
     auto service = start_service();
     // Three records are confirmed, then the service hangs and dies.
     std::atomic<int> answered{0};

@@ -10,6 +10,9 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QLockFile>
+#include <QSettings>
+#include <QTemporaryFile>
 #include <QTimer>
 
 #include <cstdio>
@@ -21,7 +24,7 @@ using namespace information_api;
 
 namespace {
 
-enum exit_code { all_uploaded = 0, some_failed = 1, bad_usage = 2, disabled = 3 };
+enum exit_code { all_uploaded = 0, some_failed = 1, bad_usage = 2, disabled = 3, busy = 4 };
 
 struct options {
     QString url;  // overrides the configured service
@@ -30,7 +33,73 @@ struct options {
     bool dry_run = false;
     bool force = false;
     bool watch = false;
+    // From ./res/system.ini, checked before the library acts on them.
+    bool expire = true;
+    int due_after_days = 1;
 };
+
+int records_in_folder()
+{
+    return QDir("veltrainfo").entryList({"*.info2"}, QDir::Files).size();
+}
+
+// The library reads "remain" and "uploadintval" as ints, and a typo reads as 0: with "remain" 0
+// or less every record is expired before it is sent, with "uploadintval" 0 every record is due.
+void check_system_settings(options& opts)
+{
+    const QSettings system("./res/system.ini", QSettings::IniFormat);
+    const QVariant remain = system.value("remain");
+    if (remain.isValid() && remain.toInt() <= 0) {  // what is not a whole number reads as 0
+        std::fprintf(stderr, "warning: \"remain\" is \"%s\" in ./res/system.ini, not a positive whole "
+                             "number of days; no record expires\n", qPrintable(remain.toString()));
+        opts.expire = false;
+    }
+    const QVariant interval = system.value("uploadintval", 1);
+    bool ok = true;
+    opts.due_after_days = interval.toInt(&ok);
+    if (!ok)
+        std::fprintf(stderr, "warning: \"uploadintval\" is \"%s\" in ./res/system.ini, not a whole "
+                             "number of days; it reads as 0, every record is due\n",
+                     qPrintable(interval.toString()));
+}
+
+// Two uploaders on one folder would send every record twice; a record the uploader cannot remove
+// would be sent again by every run. Returns 0 when this run may send, else its exit status.
+int claim_record_folder(QLockFile& lock)
+{
+    QDir().mkpath("veltrainfo");
+    QTemporaryFile probe("veltrainfo/.information_uploader.probe");
+    if (!probe.open() || !probe.remove()) {
+        std::fprintf(stderr, "cannot remove records from ./veltrainfo/ (%s); nothing sent, every "
+                             "run would send them again\n", qPrintable(probe.errorString()));
+        return some_failed;
+    }
+    lock.setStaleLockTime(0);  // only a dead owner's lock is stale: a --watch run holds it for days
+    if (lock.tryLock())
+        return 0;
+    if (lock.error() != QLockFile::LockFailedError) {
+        std::fprintf(stderr, "cannot create the lock in ./veltrainfo/; nothing sent\n");
+        return some_failed;
+    }
+    qint64 pid = 0;
+    QString host, app;
+    const QString owner = lock.getLockInfo(&pid, &host, &app)
+                              ? QString("%1 (pid %2 on %3)").arg(app).arg(pid).arg(host)
+                              : QString("another information_uploader");
+    std::fprintf(stderr, "./veltrainfo/ is in use by %s; nothing sent\n", qPrintable(owner));
+    return busy;
+}
+
+// A writer killed inside QSettings::sync() leaves its lock and temporary file beside the record
+// ("<record>.lock", "<record>.XXXXXX"); after a day no living writer owns them.
+void remove_stale_write_leftovers()
+{
+    const QDateTime day_ago = QDateTime::currentDateTime().addDays(-1);
+    const QDir folder("veltrainfo");
+    for (const QFileInfo& file : folder.entryInfoList({"*.info2.*", "*.score2.*"}, QDir::Files))
+        if (file.lastModified() < day_ago)
+            QFile::remove(file.filePath());
+}
 
 // Reports arrive on the library's worker thread; they are handed to the uploader's thread.
 class forwarding_sink : public information_sink {
@@ -63,10 +132,14 @@ public:
 
     void run()
     {
-        manager_->clear_timeout_file();
+        remove_stale_write_leftovers();
+        if (opts_.expire)
+            manager_->clear_timeout_file();
         QStringList files;
         manager_->get_upload_files(files);
         total_ = files.size();
+        if (total_ == 0)
+            explain_nothing_due();
         for (const QString& file : files)
             pending_.push_back(file);
         if (opts_.dry_run) {
@@ -85,6 +158,19 @@ public:
     }
 
 private:
+    void explain_nothing_due() const
+    {
+        const int records = records_in_folder();
+        if (records == 0) {
+            std::fprintf(stderr, "nothing due: no records in ./veltrainfo/\n");
+            return;
+        }
+        const QDateTime start = QCoreApplication::instance()->property("start_time").toDateTime();
+        std::fprintf(stderr, "nothing due: %d records younger than %d \"uploadintval\" day(s) counted "
+                             "from start_time %s\n", records, opts_.due_after_days,
+                     qPrintable(start.toString("yyyy-MM-dd hh:mm")));
+    }
+
     void fill()
     {
         while (in_flight_.size() < std::size_t(opts_.in_flight) && !pending_.empty()) {
@@ -106,12 +192,16 @@ private:
         const auto it = in_flight_.find(id);
         if (it == in_flight_.end())
             return;  // a repeated report for a connection already ended
+        if (!info.ok && info.ret == 7 && info.msg.isEmpty())
+            return;  // the reply's error signal; its end follows with the error's text
         const QString file = it->second;
         in_flight_.erase(it);
         release_connect(id);
-        if (info.ok) {
-            QFile::remove(file);
+        QFile record(file);
+        if (info.ok && record.remove()) {
             ++uploaded_;
+        } else if (info.ok) {
+            fail(file, "uploaded, but not removed (" + record.errorString() + "); the next run sends it again");
         } else {
             fail(file, info.msg.isEmpty() ? QStringLiteral("network error %1").arg(info.net_error)
                                           : info.msg);
@@ -144,7 +234,7 @@ private:
         finished_ = true;
         if (tty_ && total_ > 0)
             std::printf("\n");
-        const int left = QDir("veltrainfo").entryList({"*.info2"}, QDir::Files).size();
+        const int left = records_in_folder();
         std::printf("uploaded %d of %d due records, %d failed; %d records left in ./veltrainfo/\n",
                     uploaded_, total_, failed_, left);
         std::fflush(stdout);
@@ -176,7 +266,9 @@ bool parse(const QCoreApplication& app, options& opts, QString& dir)
     QCommandLineParser parser;
     parser.setApplicationDescription(
         "Uploads the due records of ./veltrainfo/ to the collection service and deletes each one "
-        "the service confirmed.");
+        "the service confirmed.\n\nExit status: 0 every due record uploaded, 1 some not uploaded "
+        "(or records cannot be removed from ./veltrainfo/), 2 bad usage, 3 uploading disabled, "
+        "4 another uploader works on the folder.");
     parser.addHelpOption();
     const QCommandLineOption dir_option({"d", "dir"}, "Directory holding ./veltrainfo/ and ./res/.", "dir");
     const QCommandLineOption url_option("url", "Service URL instead of the configured one.", "url");
@@ -235,6 +327,14 @@ int main(int argc, char** argv)
                              "uploaded (--force overrides)\n");
         information_clean();
         return disabled;
+    }
+    check_system_settings(opts);
+    QLockFile lock("veltrainfo/.information_uploader.lock");
+    if (!opts.dry_run) {
+        if (const int refused = claim_record_folder(lock)) {
+            information_clean();
+            return refused;
+        }
     }
 
     std::unique_ptr<upload_round> round;
