@@ -97,7 +97,7 @@ void remove_stale_write_leftovers()
     const QDateTime day_ago = QDateTime::currentDateTime().addDays(-1);
     const QDir folder("veltrainfo");
     for (const QFileInfo& file : folder.entryInfoList({"*.info2.*", "*.score2.*"}, QDir::Files))
-        if (file.lastModified() < day_ago)
+        if (file.lastModified() < day_ago && file.suffix() != "info2" && file.suffix() != "score2")
             QFile::remove(file.filePath());
 }
 
@@ -132,9 +132,11 @@ public:
 
     void run()
     {
-        remove_stale_write_leftovers();
-        if (opts_.expire)
-            manager_->clear_timeout_file();
+        if (!opts_.dry_run) {  // a dry run changes nothing
+            remove_stale_write_leftovers();
+            if (opts_.expire)
+                manager_->clear_timeout_file();
+        }
         QStringList files;
         manager_->get_upload_files(files);
         total_ = files.size();
@@ -198,7 +200,7 @@ private:
         in_flight_.erase(it);
         release_connect(id);
         QFile record(file);
-        if (info.ok && record.remove()) {
+        if (info.ok && (record.remove() || !record.exists())) {  // gone already is fine too
             ++uploaded_;
         } else if (info.ok) {
             fail(file, "uploaded, but not removed (" + record.errorString() + "); the next run sends it again");
