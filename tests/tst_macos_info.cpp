@@ -95,7 +95,7 @@ private slots:
         m.displaysGoneBeforeSecondCall = 1;
         QTest::newRow("the main display unplugged after the count") << m << screen_info({hd("LG")});
 
-        const char* const routes[] = {"no service port", "no info dictionary", "no name key", "no name"};
+        const char* const routes[] = {"no service port", "no info dictionary", "no product name key", "no names"};
         for (const naming route : {no_port, no_info, no_name_key, named}) {
             m = machine();
             m.displays = {{69733378, "", true}};
