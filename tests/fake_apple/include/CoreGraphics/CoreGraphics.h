@@ -18,8 +18,7 @@ typedef uint32_t CGDirectDisplayID;
 typedef enum CGError : int32_t { kCGErrorSuccess = 0, kCGErrorFailure = 1000 } CGError;  // CF_ENUM
 typedef struct CGDisplayMode* CGDisplayModeRef;
 
-CGError CGGetActiveDisplayList(uint32_t maxDisplays, CGDirectDisplayID* activeDisplays,
-                               uint32_t* displayCount);
+CGError CGGetActiveDisplayList(uint32_t maxDisplays, CGDirectDisplayID* activeDisplays, uint32_t* displayCount);
 CGRect CGDisplayBounds(CGDirectDisplayID display);
 size_t CGDisplayPixelsWide(CGDirectDisplayID display);
 size_t CGDisplayPixelsHigh(CGDirectDisplayID display);

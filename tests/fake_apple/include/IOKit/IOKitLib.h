@@ -27,8 +27,7 @@ extern const mach_port_t kIOMasterPortDefault;
 
 CFMutableDictionaryRef IOServiceMatching(const char* name);
 // Consumes one reference of `matching`, whatever the outcome; *existing is 0 when nothing matches.
-kern_return_t IOServiceGetMatchingServices(mach_port_t mainPort, CFDictionaryRef matching,
-                                           io_iterator_t* existing);
+kern_return_t IOServiceGetMatchingServices(mach_port_t mainPort, CFDictionaryRef matching, io_iterator_t* existing);
 io_object_t IOIteratorNext(io_iterator_t iterator);
 kern_return_t IOObjectRelease(io_object_t object);
 kern_return_t IOObjectGetClass(io_object_t object, io_name_t className);
