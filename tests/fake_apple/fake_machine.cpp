@@ -1,596 +1,341 @@
-// The fake frameworks behind include/: every call reads the installed machine, and every object
-// handed out is tracked until it is released, so that tests can prove the collector's ownership.
+// The fake frameworks behind include/. Every call answers from the installed machine. Every
+// CoreFoundation object and IOKit handle is an entry of one table, and a CFTypeRef or io_object_t
+// is its index + 1: a release of what the caller does not own, a second release and a use after
+// release all show, whatever the kind of object.
 #include "fake_machine.h"
 
 #include <CoreFoundation/CoreFoundation.h>
-#include <CoreGraphics/CoreGraphics.h>
-#include <IOKit/IOKitLib.h>
 #include <IOKit/graphics/IOGraphicsLib.h>
-#include <mach/mach.h>
 #include <sys/sysctl.h>
 
 #include <QString>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
-#include <memory>
+#include <cstddef>
+#include <cstdio>
+#include <deque>
 #include <mutex>
-#include <set>
+#include <type_traits>
 
 static_assert(sizeof(CFIndex) == 8 && CFIndex(-1) < 0, "CFIndex is a signed long");
-static_assert(sizeof(CGDirectDisplayID) == 4, "CGDirectDisplayID is 32 bits");
-static_assert(sizeof(io_object_t) == 4, "io_object_t is a mach port name");
-static_assert(sizeof(vm_statistics64_data_t) == 160 && HOST_VM_INFO64_COUNT == 40,
-              "vm_statistics64 as in the current SDK");
+static_assert(std::is_enum<CFNumberType>() && std::is_same<std::underlying_type_t<CFNumberType>, CFIndex>(),
+              "CF_ENUM(CFIndex, CFNumberType)");
+static_assert(std::is_enum<CGError>() && std::is_same<std::underlying_type_t<CGError>, int32_t>(),
+              "CF_ENUM(int32_t, CGError)");
+static_assert(sizeof(CGDirectDisplayID) == 4 && sizeof(io_object_t) == 4, "32-bit display ids and port names");
+static_assert(sizeof(vm_statistics64_data_t) == 152 && alignof(vm_statistics64_data_t) == 8 &&
+                  offsetof(vm_statistics64_data_t, total_uncompressed_pages_in_compressor) == 144 &&
+                  HOST_VM_INFO64_COUNT == 38,
+              "vm_statistics64 as in the macOS 14.2 SDK");
 
 namespace {
 
-enum : CFTypeID {
-    string_type = 7,
-    dictionary_type = 18,
-    array_type = 19,
-    data_type = 20,
-    number_type = 22,
-    display_mode_type = 268,
-};
+using fake_apple::naming;
 
-struct object {
-    CFTypeID type;
-    long refs = 1;
-    std::string text;
-    int64_t number = 0;
-    QByteArray bytes;
-    std::vector<std::unique_ptr<object>> items;  // array elements; dictionary key, value, key, ...
-    size_t modeWidth = 0, modePixelWidth = 0;
-};
+// The CFTypeIDs, then the kinds of IOKit handle: a bit each, so that a call can accept several.
+enum kind : CFTypeID { cf_string = 1, cf_number = 2, cf_data = 4, cf_array = 8, cf_dictionary = 16,
+                       cg_display_mode = 32, io_iterator = 64, io_service = 128, io_display_port = 256 };
+constexpr CFTypeID any_cf = 63, any_io = io_iterator | io_service | io_display_port;
+const char* const kind_names[] = {"CFString", "CFNumber", "CFData", "CFArray", "CFDictionary",
+                                  "CGDisplayMode", "io_iterator", "io_service", "display port"};
+constexpr kern_return_t kern_failure = 5, kIOReturnError = kern_return_t(0xe00002bc),
+                        kIOReturnBadArgument = kern_return_t(0xe00002c2);
+constexpr host_t host_port = 0x103;
+constexpr mach_msg_type_number_t oldest_vm_info64_count = 24;  // the first layout ends at speculative_count
 
-struct io_handle {
-    bool iterator = false;
-    int entry = -1;            // services
-    std::vector<int> matches;  // iterators
-    size_t next = 0;
+struct entry {
+    CFTypeID kind = 0;   // 0: what a rejected handle resolves to
+    bool owned = false;  // handed out by a Create or Copy function: the caller must release it
+    bool alive = true;   // false once released, itself or the container that held it
+    std::string text;    // a string's text, a data's bytes
+    int64_t number = 0;  // a number; a mode's or port's display, a service's registry entry, an iterator's position
+    std::vector<size_t> items;  // an array's elements; a dictionary's keys and values in turn; an iterator's entries
 };
-
-constexpr mach_port_t host_port = 0x103;
-constexpr io_service_t first_display_port = 0x5000;
-constexpr kern_return_t kIOReturnError = kern_return_t(0xe00002bc);
-constexpr kern_return_t kIOReturnBadArgument = kern_return_t(0xe00002c2);
 
 std::mutex mutex;
-fake_apple::machine current;
-fake_apple::ledger_t book;
-std::set<const object*> existing;  // every object alive, constants and container members included
-std::map<const object*, std::unique_ptr<object>> handed_out;
-std::map<std::string, std::unique_ptr<object>> constants;
-std::map<io_object_t, io_handle> handles;
-io_object_t next_handle = 0x2000;
+using guard = std::lock_guard<std::mutex>;
+fake_apple::machine mac;
+std::deque<entry> table;  // a deque: entries stay in place while it grows
+QStringList errors;
 
-void fail(const QString& what) { book.errors << what; }
-
-void forget(const object* o)
+size_t add(CFTypeID kind, bool owned, std::string text = {}, int64_t number = 0, std::vector<size_t> items = {})
 {
-    existing.erase(o);
-    for (const auto& item : o->items)
-        forget(item.get());
+    table.push_back({kind, owned, true, std::move(text), number, std::move(items)});
+    return table.size();
+}
+size_t member(const std::string& text) { return add(cf_string, false, text); }
+template <typename Ref = const void*> Ref ref(size_t handle) { return reinterpret_cast<Ref>(handle); }
+
+QString describe(const entry& e)
+{
+    return QString(kind_names[__builtin_ctzl(e.kind)]) + ' ' +
+           (e.text.empty() ? QString::number(e.number) : QString::fromStdString(e.text));
 }
 
-std::unique_ptr<object> make(CFTypeID type)
+entry& use(size_t handle, CFTypeID kinds, const char* function)
 {
-    auto o = std::make_unique<object>();
-    o->type = type;
-    existing.insert(o.get());
-    return o;
+    static entry none;
+    none = entry();
+    entry& e = handle && handle <= table.size() ? table[handle - 1] : none;
+    if (e.alive && (e.kind & kinds))
+        return e;
+    errors << QString("%1: %2").arg(function, !e.kind ? QString("null or foreign handle %1").arg(handle)
+                                              : !e.alive ? describe(e) + " used after its release"
+                                                         : "given a " + describe(e));
+    return none;
+}
+entry& use(const void* ref, CFTypeID kinds, const char* function) { return use(size_t(ref), kinds, function); }
+
+void kill(entry& e)
+{
+    e.alive = false;
+    if (e.kind & (cf_array | cf_dictionary))
+        for (const size_t item : e.items)
+            kill(table[item - 1]);
 }
 
-std::unique_ptr<object> make_string(const std::string& text)
+void release(entry& e, const char* function)
 {
-    auto o = make(string_type);
-    o->text = text;
-    return o;
+    if (e.kind && !e.owned)
+        errors << QString("%1 of a %2 the caller does not own").arg(function, describe(e));
+    else if (e.kind)
+        kill(e);
 }
 
-std::unique_ptr<object> make_property(const fake_apple::property& p)
+const fake_apple::display& shown(CGDirectDisplayID id, const char* function)
 {
-    if (const auto* n = std::get_if<int64_t>(&p)) {
-        auto o = make(number_type);
-        o->number = *n;
-        return o;
-    }
-    if (const auto* d = std::get_if<fake_apple::cf_data>(&p)) {
-        auto o = make(data_type);
-        o->bytes = d->bytes;
-        return o;
-    }
-    return make_string(std::get<std::string>(p));
-}
-
-enum rule { created, copied };
-
-// Hands an object to the collector, which now owns one reference.
-const void* hand_out(std::unique_ptr<object> o, rule how)
-{
-    const object* raw = o.get();
-    handed_out.emplace(raw, std::move(o));
-    ++(how == created ? book.cfCreated : book.cfCopied);
-    return raw;
-}
-
-const object* checked(const void* ref, CFTypeID type, const char* function)
-{
-    const auto* o = static_cast<const object*>(ref);
-    if (!o || !existing.count(o)) {
-        fail(QString("%1: null or released object").arg(function));
-        return nullptr;
-    }
-    if (type != 0 && o->type != type) {
-        fail(QString("%1: object of type %2").arg(function).arg(o->type));
-        return nullptr;
-    }
-    return o;
-}
-
-void release(const void* ref, const char* function)
-{
-    const auto* o = static_cast<const object*>(ref);
-    if (!o) {
-        fail(QString("%1(NULL)").arg(function));
-        return;
-    }
-    const auto owned = handed_out.find(o);
-    if (owned == handed_out.end()) {
-        fail(existing.count(o) ? QString("%1 of an object the caller does not own").arg(function)
-                               : QString("%1 of a released object").arg(function));
-        return;
-    }
-    ++book.cfReleased;
-    if (--owned->second->refs == 0) {
-        forget(o);
-        handed_out.erase(owned);
-    }
-}
-
-const object* dictionary_value(const object* dict, const std::string& key)
-{
-    for (size_t i = 0; i + 1 < dict->items.size(); i += 2)
-        if (dict->items[i]->text == key)
-            return dict->items[i + 1].get();
-    return nullptr;
-}
-
-const fake_apple::display* find_display(CGDirectDisplayID id, const char* function)
-{
-    for (const auto& d : current.displays)
+    static const fake_apple::display none{0, {}, false, {}, 0, 0, {}, std::nullopt, naming::no_port};
+    for (const auto& d : mac.displays)
         if (d.id == id)
-            return &d;
-    fail(QString("%1: unknown display %2").arg(function).arg(id));
+            return d;
+    errors << QString("%1: unknown display %2").arg(function).arg(id);
+    return none;
+}
+
+size_t mode_width(CGDisplayModeRef mode, bool pixels, const char* function)
+{
+    const entry& e = use(mode, cg_display_mode, function);
+    const auto widths = e.kind ? shown(CGDirectDisplayID(e.number), function).mode : std::nullopt;
+    return !widths ? 0 : pixels ? widths->second : widths->first;
+}
+
+// A registry property of the service or, `upwards`, of its nearest ancestor that has one.
+CFTypeRef lookup(io_registry_entry_t service, CFStringRef key, bool upwards, const char* function)
+{
+    const std::string wanted = use(key, cf_string, function).text;
+    const entry& e = use(service, io_service, function);
+    for (int i = e.kind ? int(e.number) : -1; i >= 0; i = upwards ? mac.registry[size_t(i)].parent : -1) {
+        const auto& properties = mac.registry[size_t(i)].properties;
+        const auto p = properties.find(wanted);
+        if (p == properties.end())
+            continue;
+        if (const auto* number = std::get_if<int64_t>(&p->second))
+            return ref(add(cf_number, true, {}, *number));
+        const auto* bytes = std::get_if<QByteArray>(&p->second);
+        return ref(add(bytes ? cf_data : cf_string, true, bytes ? bytes->toStdString() : std::get<std::string>(p->second)));
+    }
     return nullptr;
 }
 
-io_handle* find_handle(io_object_t h, bool iterator, const char* function)
+template <typename List, typename Item> bool contains(const List& list, const Item& item)
 {
-    const auto it = handles.find(h);
-    if (it == handles.end() || it->second.iterator != iterator) {
-        fail(QString("%1: invalid or released %2").arg(function, iterator ? "iterator" : "service"));
-        return nullptr;
-    }
-    return &it->second;
-}
-
-io_object_t new_handle(io_handle h)
-{
-    const io_object_t id = next_handle++;
-    handles.emplace(id, std::move(h));
-    ++book.ioObtained;
-    return id;
-}
-
-const fake_apple::property* entry_property(int entry, const std::string& key)
-{
-    const auto& props = current.registry.at(size_t(entry)).properties;
-    const auto it = props.find(key);
-    return it == props.end() ? nullptr : &it->second;
+    return std::find(list.begin(), list.end(), item) != list.end();
 }
 
 }  // namespace
 
-namespace fake_apple {
-
-sysctl_entry sysctl_text(const char* text)
+void fake_apple::install(const machine& m)
 {
-    return {sysctl_entry::present, QByteArray(text, int(std::strlen(text)) + 1)};
+    guard g(mutex);
+    mac = m;
+    table.clear();
+    errors.clear();
 }
 
-sysctl_entry sysctl_u32(uint32_t value)
+QStringList fake_apple::misuse()
 {
-    return {sysctl_entry::present, QByteArray(reinterpret_cast<const char*>(&value), sizeof value)};
+    guard g(mutex);
+    QStringList all = errors;
+    for (const entry& e : table)
+        if (e.owned && e.alive)
+            all << "never released: " + describe(e);
+    return all;
 }
-
-sysctl_entry sysctl_u64(uint64_t value)
-{
-    return {sysctl_entry::present, QByteArray(reinterpret_cast<const char*>(&value), sizeof value)};
-}
-
-void install(const machine& m)
-{
-    std::lock_guard<std::mutex> lock(mutex);
-    for (const auto& o : handed_out)
-        forget(o.first);
-    handed_out.clear();
-    handles.clear();
-    current = m;
-    book = ledger_t();
-}
-
-ledger_t ledger()
-{
-    std::lock_guard<std::mutex> lock(mutex);
-    ledger_t result = book;
-    result.cfLive = int(handed_out.size());
-    result.ioLive = int(handles.size());
-    return result;
-}
-
-}  // namespace fake_apple
 
 // ---- CoreFoundation ----
 
 const CFAllocatorRef kCFAllocatorDefault = nullptr;
+CFStringRef __CFStringMakeConstantString(const char* text) { guard g(mutex); return ref<CFStringRef>(member(text)); }
+CFTypeID CFGetTypeID(CFTypeRef cf) { guard g(mutex); return use(cf, any_cf, __func__).kind; }
+void CFRelease(CFTypeRef cf) { guard g(mutex); release(use(cf, any_cf, __func__), __func__); }
+CFTypeID CFStringGetTypeID(void) { return cf_string; }
+CFTypeID CFDictionaryGetTypeID(void) { return cf_dictionary; }
+CFTypeID CFNumberGetTypeID(void) { return cf_number; }
+CFTypeID CFDataGetTypeID(void) { return cf_data; }
+CFIndex CFStringGetMaximumSizeForEncoding(CFIndex length, CFStringEncoding) { return length * 3; }  // UTF-8
+CFIndex CFStringGetLength(CFStringRef s) { guard g(mutex); return QString::fromStdString(use(s, cf_string, __func__).text).size(); }
+CFIndex CFArrayGetCount(CFArrayRef a) { guard g(mutex); return CFIndex(use(a, cf_array, __func__).items.size()); }
+CFIndex CFDictionaryGetCount(CFDictionaryRef d) { guard g(mutex); return CFIndex(use(d, cf_dictionary, __func__).items.size() / 2); }
+CFIndex CFDataGetLength(CFDataRef d) { guard g(mutex); return CFIndex(use(d, cf_data, __func__).text.size()); }
 
-CFStringRef __CFStringMakeConstantString(const char* cStr)
+Boolean CFStringGetCString(CFStringRef s, char* buffer, CFIndex bufferSize, CFStringEncoding)
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    auto& constant = constants[cStr];
-    if (!constant)
-        constant = make_string(cStr);
-    return reinterpret_cast<CFStringRef>(constant.get());
+    guard g(mutex);
+    const std::string& text = use(s, cf_string, __func__).text;
+    return CFIndex(text.size()) < bufferSize && std::memcpy(buffer, text.c_str(), text.size() + 1);
 }
 
-CFTypeID CFGetTypeID(CFTypeRef cf)
+const void* CFArrayGetValueAtIndex(CFArrayRef a, CFIndex idx)
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    const object* o = checked(cf, 0, "CFGetTypeID");
-    return o ? o->type : 0;
+    guard g(mutex);
+    const auto& items = use(a, cf_array, __func__).items;
+    if (idx >= 0 && size_t(idx) < items.size())
+        return ref(items[size_t(idx)]);
+    errors << QString("%1: index %2 of %3").arg(__func__).arg(idx).arg(items.size());
+    return nullptr;
 }
 
-void CFRelease(CFTypeRef cf)
+const void* CFDictionaryGetValue(CFDictionaryRef d, const void* key)
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    for (const auto& constant : constants)
-        if (constant.second.get() == cf) {
-            fail("CFRelease of a constant string");
-            return;
-        }
-    release(cf, "CFRelease");
+    guard g(mutex);
+    const std::string wanted = use(key, cf_string, __func__).text;
+    const auto& items = use(d, cf_dictionary, __func__).items;
+    for (size_t i = 0; i < items.size(); i += 2)
+        if (table[items[i] - 1].text == wanted)
+            return ref(items[i + 1]);
+    return nullptr;
 }
 
-CFTypeID CFStringGetTypeID(void) { return string_type; }
-CFTypeID CFDictionaryGetTypeID(void) { return dictionary_type; }
-CFTypeID CFNumberGetTypeID(void) { return number_type; }
-CFTypeID CFDataGetTypeID(void) { return data_type; }
-
-CFIndex CFStringGetLength(CFStringRef theString)
+void CFDictionaryGetKeysAndValues(CFDictionaryRef d, const void** keys, const void** values)
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    const object* o = checked(theString, string_type, "CFStringGetLength");
-    return o ? QString::fromStdString(o->text).size() : 0;  // UTF-16 code units
+    guard g(mutex);
+    const auto& items = use(d, cf_dictionary, __func__).items;
+    for (size_t i = 0; i < items.size(); ++i)
+        if (const void** to = i % 2 ? values : keys)
+            to[i / 2] = ref(items[i]);
 }
 
-CFIndex CFStringGetMaximumSizeForEncoding(CFIndex length, CFStringEncoding encoding)
+Boolean CFNumberGetValue(CFNumberRef number, CFNumberType type, void* value)
 {
-    if (encoding != kCFStringEncodingUTF8) {
-        std::lock_guard<std::mutex> lock(mutex);
-        fail("CFStringGetMaximumSizeForEncoding: the fake knows UTF-8 only");
-        return -1;
-    }
-    return length * 3;
+    guard g(mutex);
+    const int64_t wide = use(number, cf_number, __func__).number;
+    const auto narrow = int32_t(wide);  // kCFNumberSInt32Type; a lossy conversion answers false
+    type == kCFNumberSInt64Type ? std::memcpy(value, &wide, sizeof wide) : std::memcpy(value, &narrow, sizeof narrow);
+    return type == kCFNumberSInt64Type || narrow == wide;
 }
 
-Boolean CFStringGetCString(CFStringRef theString, char* buffer, CFIndex bufferSize,
-                           CFStringEncoding encoding)
+const UInt8* CFDataGetBytePtr(CFDataRef d)
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    const object* o = checked(theString, string_type, "CFStringGetCString");
-    if (!o || encoding != kCFStringEncodingUTF8 || !buffer)
-        return false;
-    if (CFIndex(o->text.size()) + 1 > bufferSize)
-        return false;
-    std::memcpy(buffer, o->text.c_str(), o->text.size() + 1);
-    return true;
-}
-
-CFIndex CFArrayGetCount(CFArrayRef theArray)
-{
-    std::lock_guard<std::mutex> lock(mutex);
-    const object* o = checked(theArray, array_type, "CFArrayGetCount");
-    return o ? CFIndex(o->items.size()) : 0;
-}
-
-const void* CFArrayGetValueAtIndex(CFArrayRef theArray, CFIndex idx)
-{
-    std::lock_guard<std::mutex> lock(mutex);
-    const object* o = checked(theArray, array_type, "CFArrayGetValueAtIndex");
-    if (!o || idx < 0 || size_t(idx) >= o->items.size()) {
-        fail("CFArrayGetValueAtIndex: index out of range");
-        return nullptr;
-    }
-    return o->items[size_t(idx)].get();
-}
-
-CFIndex CFDictionaryGetCount(CFDictionaryRef theDict)
-{
-    std::lock_guard<std::mutex> lock(mutex);
-    const object* o = checked(theDict, dictionary_type, "CFDictionaryGetCount");
-    return o ? CFIndex(o->items.size() / 2) : 0;
-}
-
-const void* CFDictionaryGetValue(CFDictionaryRef theDict, const void* key)
-{
-    std::lock_guard<std::mutex> lock(mutex);
-    const object* o = checked(theDict, dictionary_type, "CFDictionaryGetValue");
-    const object* k = checked(key, string_type, "CFDictionaryGetValue key");
-    return o && k ? dictionary_value(o, k->text) : nullptr;
-}
-
-void CFDictionaryGetKeysAndValues(CFDictionaryRef theDict, const void** keys, const void** values)
-{
-    std::lock_guard<std::mutex> lock(mutex);
-    const object* o = checked(theDict, dictionary_type, "CFDictionaryGetKeysAndValues");
-    if (!o)
-        return;
-    for (size_t i = 0; i + 1 < o->items.size(); i += 2) {
-        if (keys)
-            keys[i / 2] = o->items[i].get();
-        if (values)
-            values[i / 2] = o->items[i + 1].get();
-    }
-}
-
-Boolean CFNumberGetValue(CFNumberRef number, CFNumberType theType, void* valuePtr)
-{
-    std::lock_guard<std::mutex> lock(mutex);
-    const object* o = checked(number, number_type, "CFNumberGetValue");
-    if (!o || !valuePtr)
-        return false;
-    if (theType == kCFNumberSInt64Type) {
-        std::memcpy(valuePtr, &o->number, sizeof(int64_t));
-        return true;
-    }
-    if (theType == kCFNumberSInt32Type) {
-        const auto narrow = int32_t(o->number);
-        std::memcpy(valuePtr, &narrow, sizeof narrow);
-        return narrow == o->number;
-    }
-    fail(QString("CFNumberGetValue: number type %1 not faked").arg(theType));
-    return false;
-}
-
-const UInt8* CFDataGetBytePtr(CFDataRef theData)
-{
-    std::lock_guard<std::mutex> lock(mutex);
-    const object* o = checked(theData, data_type, "CFDataGetBytePtr");
-    return o && !o->bytes.isEmpty() ? reinterpret_cast<const UInt8*>(o->bytes.constData()) : nullptr;
-}
-
-CFIndex CFDataGetLength(CFDataRef theData)
-{
-    std::lock_guard<std::mutex> lock(mutex);
-    const object* o = checked(theData, data_type, "CFDataGetLength");
-    return o ? CFIndex(o->bytes.size()) : 0;
+    guard g(mutex);
+    const std::string& bytes = use(d, cf_data, __func__).text;
+    return bytes.empty() ? nullptr : reinterpret_cast<const UInt8*>(bytes.data());
 }
 
 CFArrayRef CFLocaleCopyPreferredLanguages(void)
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    if (!current.preferredLanguages)
-        return nullptr;
-    auto array = make(array_type);
-    for (const auto& language : *current.preferredLanguages)
-        array->items.push_back(make_string(language));
-    return static_cast<CFArrayRef>(hand_out(std::move(array), copied));
+    guard g(mutex);
+    std::vector<size_t> languages;
+    for (const std::string& language : mac.preferredLanguages.value_or(std::vector<std::string>()))
+        languages.push_back(member(language));
+    return mac.preferredLanguages ? ref<CFArrayRef>(add(cf_array, true, {}, 0, languages)) : nullptr;
 }
 
 // ---- sysctl and Mach ----
 
-int sysctlbyname(const char* name, void* oldp, size_t* oldlenp, void* newp, size_t)
+int sysctlbyname(const char* name, void* oldp, size_t* oldlenp, void*, size_t)
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    if (newp || !oldlenp) {
-        fail(QString("sysctlbyname(%1): writes or no length").arg(name));
-        errno = EPERM;
-        return -1;
-    }
-    const auto it = current.sysctls.find(name);
-    if (it == current.sysctls.end()) {
-        errno = ENOENT;
-        return -1;
-    }
-    const fake_apple::sysctl_entry& entry = it->second;
-    if (entry.how == fake_apple::sysctl_entry::failing ||
-        (entry.how == fake_apple::sysctl_entry::failing_on_read && oldp)) {
-        errno = EIO;
-        return -1;
-    }
-    const size_t size = size_t(entry.bytes.size());
-    if (oldp) {
-        if (*oldlenp < size) {
-            errno = ENOMEM;
-            return -1;
-        }
-        std::memcpy(oldp, entry.bytes.constData(), size);
-    }
-    *oldlenp = size;
-    return 0;
+    guard g(mutex);
+    const auto it = mac.sysctls.find(name);
+    if (it == mac.sysctls.end())
+        return errno = ENOENT, -1;
+    const QByteArray value = it->second.value_or(QByteArray(8, '\0'));
+    if (oldp && (!it->second || *oldlenp < size_t(value.size())))
+        return errno = it->second ? ENOMEM : EIO, -1;
+    *oldlenp = size_t(value.size());
+    return oldp ? std::memcpy(oldp, value.constData(), *oldlenp), 0 : 0;
 }
 
 mach_port_t mach_host_self(void) { return host_port; }
 
-kern_return_t host_page_size(host_t host, vm_size_t* out_page_size)
+kern_return_t host_page_size(host_t host, vm_size_t* size)
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    if (host != host_port || !out_page_size) {
-        fail("host_page_size: bad arguments");
-        return KERN_INVALID_ARGUMENT;
-    }
-    if (!current.pageSize)
-        return KERN_FAILURE;
-    *out_page_size = vm_size_t(*current.pageSize);
-    return KERN_SUCCESS;
+    guard g(mutex);
+    return host != host_port || !mac.pageSize ? kern_failure : (*size = *mac.pageSize, KERN_SUCCESS);
 }
 
-kern_return_t host_statistics64(host_t host_priv, host_flavor_t flavor, host_info64_t host_info64_out,
-                                mach_msg_type_number_t* host_info64_outCnt)
+// Fills as much of the newest layout as the caller's count holds, and says how much that was.
+kern_return_t host_statistics64(host_t host, host_flavor_t flavor, host_info64_t info, mach_msg_type_number_t* count)
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    if (host_priv != host_port || flavor != HOST_VM_INFO64 || !host_info64_out ||
-        !host_info64_outCnt || *host_info64_outCnt < HOST_VM_INFO64_COUNT) {
-        fail("host_statistics64: bad arguments");
-        return KERN_INVALID_ARGUMENT;
-    }
-    if (!current.freeAndInactivePages)
-        return KERN_FAILURE;
+    guard g(mutex);
+    if (host != host_port || flavor != HOST_VM_INFO64 || *count < oldest_vm_info64_count || !mac.freeAndInactivePages)
+        return kern_failure;
     vm_statistics64_data_t statistics = {};
-    statistics.free_count = current.freeAndInactivePages->first;
-    statistics.inactive_count = current.freeAndInactivePages->second;
-    statistics.active_count = 11111;  // pages that must not count as free
-    statistics.wire_count = 22222;
-    statistics.speculative_count = 33333;
-    std::memcpy(host_info64_out, &statistics, sizeof statistics);
-    *host_info64_outCnt = HOST_VM_INFO64_COUNT;
+    statistics.free_count = mac.freeAndInactivePages->first;
+    statistics.inactive_count = mac.freeAndInactivePages->second;
+    statistics.active_count = statistics.wire_count = statistics.speculative_count = 11111;  // not free
+    *count = std::min(*count, HOST_VM_INFO64_COUNT);
+    std::memcpy(info, &statistics, *count * sizeof(integer_t));
     return KERN_SUCCESS;
 }
 
 // ---- CoreGraphics ----
 
-CGError CGGetActiveDisplayList(uint32_t maxDisplays, CGDirectDisplayID* activeDisplays,
-                               uint32_t* displayCount)
+CGError CGGetActiveDisplayList(uint32_t maxDisplays, CGDirectDisplayID* displays, uint32_t* count)
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    if (!displayCount) {
-        fail("CGGetActiveDisplayList: no count");
+    guard g(mutex);
+    if (displays && mac.displayListFailsOnSecondCall)
         return kCGErrorFailure;
-    }
-    const bool second = activeDisplays != nullptr;
-    if (current.displayListFails || (second && current.displayListFailsOnSecondCall))
-        return kCGErrorFailure;
-    size_t available = current.displays.size();
-    if (second) {
-        available -= size_t(std::min<int>(current.displaysGoneBeforeSecondCall, int(available)));
-        const uint32_t n = std::min(maxDisplays, uint32_t(available));
-        for (uint32_t i = 0; i < n; ++i)
-            activeDisplays[i] = current.displays[i].id;
-        *displayCount = n;
-    } else {
-        *displayCount = uint32_t(available);
-    }
+    const size_t active = mac.displays.size() - (displays ? size_t(mac.displaysGoneBeforeSecondCall) : 0);
+    *count = uint32_t(displays ? std::min(size_t(maxDisplays), active) : active);
+    for (uint32_t i = 0; displays && i < *count; ++i)
+        displays[i] = mac.displays[i].id;
     return kCGErrorSuccess;
 }
 
-CGRect CGDisplayBounds(CGDirectDisplayID display)
-{
-    std::lock_guard<std::mutex> lock(mutex);
-    const auto* d = find_display(display, "CGDisplayBounds");
-    return d ? CGRect{{d->x, d->y}, {d->width, d->height}} : CGRect{{0, 0}, {0, 0}};
-}
-
-size_t CGDisplayPixelsWide(CGDirectDisplayID display)
-{
-    std::lock_guard<std::mutex> lock(mutex);
-    const auto* d = find_display(display, "CGDisplayPixelsWide");
-    return d ? d->pixelsWide : 0;
-}
-
-size_t CGDisplayPixelsHigh(CGDirectDisplayID display)
-{
-    std::lock_guard<std::mutex> lock(mutex);
-    const auto* d = find_display(display, "CGDisplayPixelsHigh");
-    return d ? d->pixelsHigh : 0;
-}
-
-CGSize CGDisplayScreenSize(CGDirectDisplayID display)
-{
-    std::lock_guard<std::mutex> lock(mutex);
-    const auto* d = find_display(display, "CGDisplayScreenSize");
-    return d ? CGSize{d->widthMm, d->heightMm} : CGSize{0, 0};
-}
-
-boolean_t CGDisplayIsMain(CGDirectDisplayID display)
-{
-    std::lock_guard<std::mutex> lock(mutex);
-    const auto* d = find_display(display, "CGDisplayIsMain");
-    return d && d->isMain;
-}
+CGRect CGDisplayBounds(CGDirectDisplayID display) { guard g(mutex); return shown(display, __func__).bounds; }
+size_t CGDisplayPixelsWide(CGDirectDisplayID display) { guard g(mutex); return shown(display, __func__).pixelsWide; }
+size_t CGDisplayPixelsHigh(CGDirectDisplayID display) { guard g(mutex); return shown(display, __func__).pixelsHigh; }
+CGSize CGDisplayScreenSize(CGDirectDisplayID display) { guard g(mutex); return shown(display, __func__).millimetres; }
+boolean_t CGDisplayIsMain(CGDirectDisplayID display) { guard g(mutex); return shown(display, __func__).isMain; }
+size_t CGDisplayModeGetWidth(CGDisplayModeRef mode) { guard g(mutex); return mode_width(mode, false, __func__); }
+size_t CGDisplayModeGetPixelWidth(CGDisplayModeRef mode) { guard g(mutex); return mode_width(mode, true, __func__); }
 
 CGDisplayModeRef CGDisplayCopyDisplayMode(CGDirectDisplayID display)
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    const auto* d = find_display(display, "CGDisplayCopyDisplayMode");
-    if (!d || !d->hasMode)
-        return nullptr;
-    auto mode = make(display_mode_type);
-    mode->modeWidth = d->modeWidth;
-    mode->modePixelWidth = d->modePixelWidth;
-    return static_cast<CGDisplayModeRef>(const_cast<void*>(hand_out(std::move(mode), copied)));
+    guard g(mutex);
+    return shown(display, __func__).mode ? ref<CGDisplayModeRef>(add(cg_display_mode, true, {}, display)) : nullptr;
 }
 
-size_t CGDisplayModeGetWidth(CGDisplayModeRef mode)
+void CGDisplayModeRelease(CGDisplayModeRef mode)  // NULL is allowed here, unlike CFRelease
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    const object* o = checked(mode, display_mode_type, "CGDisplayModeGetWidth");
-    return o ? o->modeWidth : 0;
+    guard g(mutex);
+    if (mode)
+        release(use(mode, cg_display_mode, __func__), __func__);
 }
 
-size_t CGDisplayModeGetPixelWidth(CGDisplayModeRef mode)
+io_service_t CGDisplayIOServicePort(CGDirectDisplayID display)  // lent: not the caller's to release
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    const object* o = checked(mode, display_mode_type, "CGDisplayModeGetPixelWidth");
-    return o ? o->modePixelWidth : 0;
+    guard g(mutex);
+    return shown(display, __func__).route == naming::no_port ? MACH_PORT_NULL
+                                                              : io_service_t(add(io_display_port, false, {}, display));
 }
 
-void CGDisplayModeRelease(CGDisplayModeRef mode)
-{
-    std::lock_guard<std::mutex> lock(mutex);
-    if (mode)  // NULL is allowed here, unlike CFRelease
-        release(mode, "CGDisplayModeRelease");
-}
-
-io_service_t CGDisplayIOServicePort(CGDirectDisplayID display)
-{
-    std::lock_guard<std::mutex> lock(mutex);
-    for (size_t i = 0; i < current.displays.size(); ++i)
-        if (current.displays[i].id == display)
-            return current.displays[i].hasServicePort ? first_display_port + io_service_t(i)
-                                                      : MACH_PORT_NULL;
-    fail("CGDisplayIOServicePort: unknown display");
-    return MACH_PORT_NULL;
-}
-
+// With kIODisplayOnlyPreferredName the names dictionary holds one locale's name.
 CFDictionaryRef IODisplayCreateInfoDictionary(io_service_t framebuffer, IOOptionBits options)
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    const size_t index = framebuffer - first_display_port;
-    if (framebuffer < first_display_port || index >= current.displays.size()) {
-        fail("IODisplayCreateInfoDictionary: not a display port");
-        return nullptr;
-    }
+    guard g(mutex);
+    const entry& port = use(framebuffer, io_display_port, __func__);
     if (options != kIODisplayOnlyPreferredName)
-        fail(QString("IODisplayCreateInfoDictionary: options %1").arg(options));
-    const fake_apple::display& d = current.displays[index];
-    if (!d.hasInfoDictionary)
+        errors << QString("%1: options %2 not faked").arg(__func__).arg(options);
+    if (!port.kind || shown(CGDirectDisplayID(port.number), __func__).route == naming::no_info)
         return nullptr;
-    auto info = make(dictionary_type);
-    info->items.push_back(make_string("DisplayVendorID"));
-    info->items.push_back(make_property(int64_t(1552)));
-    if (d.hasProductName) {
-        auto names = make(dictionary_type);
-        for (const auto& name : d.productNames) {
-            names->items.push_back(make_string(name.first));
-            names->items.push_back(make_string(name.second));
-        }
-        info->items.push_back(make_string(kDisplayProductName));
-        info->items.push_back(std::move(names));
-    }
-    return static_cast<CFDictionaryRef>(hand_out(std::move(info), created));
+    const fake_apple::display& d = shown(CGDirectDisplayID(port.number), __func__);
+    std::vector<size_t> info = {member("DisplayVendorID"), add(cf_number, false, {}, 1552)};
+    std::vector<size_t> names = d.name.empty() ? std::vector<size_t>() : std::vector<size_t>{member("en_US"), member(d.name)};
+    if (d.route == naming::named)
+        info.insert(info.end(), {member(kDisplayProductName), add(cf_dictionary, false, {}, 0, names)});
+    return ref<CFDictionaryRef>(add(cf_dictionary, true, {}, 0, info));
 }
 
 // ---- IOKit registry ----
@@ -599,113 +344,63 @@ const mach_port_t kIOMasterPortDefault = MACH_PORT_NULL;
 
 CFMutableDictionaryRef IOServiceMatching(const char* name)
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    auto matching = make(dictionary_type);
-    matching->items.push_back(make_string("IOProviderClass"));
-    matching->items.push_back(make_string(name));
-    return static_cast<CFMutableDictionaryRef>(const_cast<void*>(hand_out(std::move(matching), created)));
+    guard g(mutex);
+    return ref<CFMutableDictionaryRef>(add(cf_dictionary, true, {}, 0, {member("IOProviderClass"), member(name)}));
 }
 
-kern_return_t IOServiceGetMatchingServices(mach_port_t mainPort, CFDictionaryRef matching,
-                                           io_iterator_t* existingIterator)
+kern_return_t IOServiceGetMatchingServices(mach_port_t, CFDictionaryRef matching, io_iterator_t* existing)
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    const object* dict = checked(matching, dictionary_type, "IOServiceGetMatchingServices");
-    if (!dict || mainPort != MACH_PORT_NULL || !existingIterator) {
-        fail("IOServiceGetMatchingServices: bad arguments");
-        return kIOReturnBadArgument;
-    }
-    const object* wanted = dictionary_value(dict, "IOProviderClass");
-    const std::string className = wanted ? wanted->text : std::string();
-    release(matching, "IOServiceGetMatchingServices");  // consumes the caller's reference
-    const auto& failing = current.failingMatches;
-    if (std::find(failing.begin(), failing.end(), className) != failing.end())
+    guard g(mutex);
+    entry& dictionary = use(matching, cf_dictionary, __func__);
+    const std::string wanted = dictionary.kind ? table[dictionary.items.at(1) - 1].text : "";
+    release(dictionary, __func__);
+    std::vector<size_t> found;
+    for (size_t i = 0; i < mac.registry.size(); ++i)
+        if (contains(mac.registry[i].classes, wanted))
+            found.push_back(i);
+    if (contains(mac.failingLookups, wanted))
         return kIOReturnError;
-    io_handle iterator;
-    iterator.iterator = true;
-    for (size_t i = 0; i < current.registry.size(); ++i) {
-        const auto& entry = current.registry[i];
-        const auto& supers = entry.superclasses;
-        if (entry.className == className ||
-            std::find(supers.begin(), supers.end(), className) != supers.end())
-            iterator.matches.push_back(int(i));
-    }
-    *existingIterator = new_handle(std::move(iterator));
+    *existing = found.empty() ? MACH_PORT_NULL : io_iterator_t(add(io_iterator, true, {}, 0, found));
     return KERN_SUCCESS;
 }
 
 io_object_t IOIteratorNext(io_iterator_t iterator)
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    io_handle* it = find_handle(iterator, true, "IOIteratorNext");
-    if (!it || it->next >= it->matches.size())
+    guard g(mutex);
+    if (iterator == MACH_PORT_NULL)  // what a lookup that matched nothing hands out
         return MACH_PORT_NULL;
-    io_handle service;
-    service.entry = it->matches[it->next++];
-    return new_handle(std::move(service));
+    entry& it = use(iterator, io_iterator, __func__);
+    return size_t(it.number) < it.items.size() ? io_object_t(add(io_service, true, {}, int64_t(it.items[size_t(it.number++)])))
+                                               : MACH_PORT_NULL;
 }
 
 kern_return_t IOObjectRelease(io_object_t object)
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    const auto it = handles.find(object);
-    if (it == handles.end()) {
-        fail(object >= first_display_port && object < first_display_port + 0x100
-                 ? QString("IOObjectRelease of a borrowed display port")
-                 : QString("IOObjectRelease of an invalid or released object"));
+    guard g(mutex);
+    if (object == MACH_PORT_NULL)  // harmless: the kernel refuses the null name
         return kIOReturnBadArgument;
-    }
-    handles.erase(it);
-    ++book.ioReleased;
-    return KERN_SUCCESS;
+    return release(use(object, any_io, __func__), __func__), KERN_SUCCESS;
 }
 
 kern_return_t IOObjectGetClass(io_object_t object, io_name_t className)
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    const io_handle* service = find_handle(object, false, "IOObjectGetClass");
-    if (!service)
-        return kIOReturnBadArgument;
-    const std::string& name = current.registry.at(size_t(service->entry)).className;
-    if (name.empty())
-        return kIOReturnError;
-    std::strncpy(className, name.c_str(), sizeof(io_name_t) - 1);
-    return KERN_SUCCESS;
+    guard g(mutex);
+    const entry& service = use(object, io_service, __func__);
+    const std::string name = service.kind ? mac.registry[size_t(service.number)].classes[0] : "";
+    return name.empty() ? kIOReturnError : (std::snprintf(className, sizeof(io_name_t), "%s", name.c_str()), KERN_SUCCESS);
 }
 
-CFTypeRef IORegistryEntryCreateCFProperty(io_registry_entry_t entry, CFStringRef key,
+CFTypeRef IORegistryEntryCreateCFProperty(io_registry_entry_t entry, CFStringRef key, CFAllocatorRef, IOOptionBits)
+{
+    guard g(mutex);
+    return lookup(entry, key, false, __func__);
+}
+
+// Ancestors are searched only recursively and upwards, both bits set.
+CFTypeRef IORegistryEntrySearchCFProperty(io_registry_entry_t entry, const io_name_t plane, CFStringRef key,
                                           CFAllocatorRef, IOOptionBits options)
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    const io_handle* service = find_handle(entry, false, "IORegistryEntryCreateCFProperty");
-    const object* k = checked(key, string_type, "IORegistryEntryCreateCFProperty key");
-    if (!service || !k)
-        return nullptr;
-    book.calls << QString("create %1 options %2").arg(QString::fromStdString(k->text)).arg(options);
-    const fake_apple::property* p = entry_property(service->entry, k->text);
-    return p ? hand_out(make_property(*p), created) : nullptr;
-}
-
-CFTypeRef IORegistryEntrySearchCFProperty(io_registry_entry_t entry, const io_name_t plane,
-                                          CFStringRef key, CFAllocatorRef, IOOptionBits options)
-{
-    std::lock_guard<std::mutex> lock(mutex);
-    const io_handle* service = find_handle(entry, false, "IORegistryEntrySearchCFProperty");
-    const object* k = checked(key, string_type, "IORegistryEntrySearchCFProperty key");
-    if (!service || !k || !plane)
-        return nullptr;
-    book.calls << QString("search %1 in %2 options %3")
-                      .arg(QString::fromStdString(k->text), plane)
-                      .arg(options);
-    if (std::strcmp(plane, kIOServicePlane) != 0)
-        return nullptr;
-    const bool upwards = (options & kIORegistryIterateRecursively) &&
-                         (options & kIORegistryIterateParents);
-    for (int e = service->entry; e >= 0; e = current.registry.at(size_t(e)).parent) {
-        if (const fake_apple::property* p = entry_property(e, k->text))
-            return hand_out(make_property(*p), created);
-        if (!upwards)
-            break;
-    }
-    return nullptr;
+    guard g(mutex);
+    const bool upwards = (options & kIORegistryIterateRecursively) && (options & kIORegistryIterateParents);
+    return std::strcmp(plane, kIOServicePlane) == 0 ? lookup(entry, key, upwards, __func__) : nullptr;
 }

@@ -1,85 +1,68 @@
-// A scriptable Mac for the Linux test build of the macOS collector: a test describes the machine,
-// installs it, runs the collector against the fake frameworks in include/, then reads the ledger
-// of every CoreFoundation and IOKit object the collector obtained and released.
+// A scriptable Mac for the Linux test build of the macOS collector: a test describes the machine
+// and installs it, the fake frameworks in include/ answer from it, and misuse() then tells what
+// the collector did wrong with the CoreFoundation objects and IOKit handles it was given.
 #pragma once
+
+#include <CoreGraphics/CoreGraphics.h>
 
 #include <QByteArray>
 #include <QStringList>
 
-#include <cstdint>
+#include <cstring>
 #include <map>
 #include <optional>
 #include <string>
+#include <utility>
 #include <variant>
 #include <vector>
 
 namespace fake_apple {
 
+// How far the route from a display to its product name goes: the service port, its info
+// dictionary, the dictionary's "DisplayProductName" entry, a name in that.
+enum naming { no_port, no_info, no_name_key, named };
+
 struct display {
-    uint32_t id = 1;
-    double x = 0, y = 0, width = 1920, height = 1080;  // bounds in points
-    size_t pixelsWide = 1920, pixelsHigh = 1080;
-    bool hasMode = true;
-    size_t modeWidth = 1920, modePixelWidth = 1920;
-    double widthMm = 600, heightMm = 340;
-    bool hasServicePort = true;
-    bool hasInfoDictionary = true;
-    bool hasProductName = true;  // the "DisplayProductName" key of the info dictionary
-    std::map<std::string, std::string> productNames;  // its locale -> name entries
+    CGDirectDisplayID id = 1;
+    std::string name;  // the preferred product name; none: an empty names dictionary
     bool isMain = false;
+    CGRect bounds = {{0, 0}, {1920, 1080}};  // in points
+    size_t pixelsWide = 1920, pixelsHigh = 1080;
+    CGSize millimetres = {600, 340};
+    std::optional<std::pair<size_t, size_t>> mode = {{1920, 1920}};  // width in points, in pixels
+    naming route = named;
 };
 
-struct sysctl_entry {
-    enum mode { present, failing, failing_on_read } how = present;
-    QByteArray bytes;
-};
-sysctl_entry sysctl_text(const char* text);  // zero-terminated, as the kernel returns strings
-sysctl_entry sysctl_u32(uint32_t value);
-sysctl_entry sysctl_u64(uint64_t value);
-
-struct cf_data {
-    QByteArray bytes;
-};
-using property = std::variant<int64_t, cf_data, std::string>;  // CFNumber, CFData, CFString
+using property = std::variant<int64_t, QByteArray, std::string>;  // CFNumber, CFData, CFString
 
 struct registry_entry {
-    std::string className;                  // what IOObjectGetClass reports
-    std::vector<std::string> superclasses;  // further classes the entry matches
+    std::vector<std::string> classes;  // its own class first, then those it also matches
     std::map<std::string, property> properties;
-    int parent = -1;  // index into machine::registry; -1 for the root
+    int parent = -1;  // index into machine::registry
 };
 
 struct machine {
     std::vector<display> displays;
-    bool displayListFails = false;
     bool displayListFailsOnSecondCall = false;
     int displaysGoneBeforeSecondCall = 0;  // unplugged between the count and the list
-
-    std::map<std::string, sysctl_entry> sysctls;  // a missing name fails with ENOENT
-
+    // A missing name fails with ENOENT; nullopt: its size reads, its value does not.
+    std::map<std::string, std::optional<QByteArray>> sysctls;
     std::vector<registry_entry> registry;
-    std::vector<std::string> failingMatches;  // classes whose service lookup fails
-
-    std::optional<uint64_t> pageSize = 16384;  // nullopt: host_page_size fails
-    std::optional<std::pair<uint32_t, uint32_t>> freeAndInactivePages;  // nullopt: statistics fail
-
-    std::optional<std::vector<std::string>> preferredLanguages;  // nullopt: a null array
+    std::vector<std::string> failingLookups;  // classes whose IOServiceGetMatchingServices fails
+    std::optional<vm_size_t> pageSize = 16384;
+    std::optional<std::pair<natural_t, natural_t>> freeAndInactivePages;  // none: statistics fail
+    std::optional<std::vector<std::string>> preferredLanguages;           // none: a null array
 };
 
-// Replaces the machine and clears the ledger.
+// Replaces the machine and forgets every object and handle handed out so far.
 void install(const machine& m);
+// Each misuse since install(): a release of what the caller does not own or of what it already
+// released, a use after release, a null or foreign argument; then each object still held.
+QStringList misuse();
 
-struct ledger_t {
-    int cfCreated = 0;  // objects handed out by Create-rule functions
-    int cfCopied = 0;   // ... and by Copy-rule functions
-    int cfReleased = 0;
-    int cfLive = 0;
-    int ioObtained = 0;  // iterators and services handed out by IOKit
-    int ioReleased = 0;
-    int ioLive = 0;
-    QStringList errors;  // misuse: releasing twice, a constant, a borrowed port, a null
-    QStringList calls;   // notable arguments, e.g. the options of registry searches
-};
-ledger_t ledger();
+// sysctl values as the kernel hands them out: strings zero-terminated, numbers in their width.
+inline QByteArray sysctl_value(const char* text) { return QByteArray(text, int(std::strlen(text)) + 1); }
+template <typename T>
+QByteArray sysctl_value(T number) { return QByteArray(reinterpret_cast<const char*>(&number), sizeof number); }
 
 }  // namespace fake_apple

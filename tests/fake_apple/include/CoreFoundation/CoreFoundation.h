@@ -22,10 +22,11 @@ typedef struct __CFDictionary* CFMutableDictionaryRef;
 typedef const struct __CFNumber* CFNumberRef;
 typedef const struct __CFData* CFDataRef;
 
-enum { kCFStringEncodingUTF8 = 0x08000100 };
-
-typedef CFIndex CFNumberType;
-enum { kCFNumberSInt32Type = 3, kCFNumberSInt64Type = 4 };
+// What CF_ENUM(type, name) declares in C++: an enumeration with that underlying type.
+typedef enum CFStringBuiltInEncodings : CFStringEncoding {
+    kCFStringEncodingUTF8 = 0x08000100
+} CFStringBuiltInEncodings;
+typedef enum CFNumberType : CFIndex { kCFNumberSInt32Type = 3, kCFNumberSInt64Type = 4 } CFNumberType;
 
 extern const CFAllocatorRef kCFAllocatorDefault;
 
@@ -39,8 +40,7 @@ void CFRelease(CFTypeRef cf);
 CFTypeID CFStringGetTypeID(void);
 CFIndex CFStringGetLength(CFStringRef theString);
 CFIndex CFStringGetMaximumSizeForEncoding(CFIndex length, CFStringEncoding encoding);
-Boolean CFStringGetCString(CFStringRef theString, char* buffer, CFIndex bufferSize,
-                           CFStringEncoding encoding);
+Boolean CFStringGetCString(CFStringRef theString, char* buffer, CFIndex bufferSize, CFStringEncoding encoding);
 
 CFIndex CFArrayGetCount(CFArrayRef theArray);
 const void* CFArrayGetValueAtIndex(CFArrayRef theArray, CFIndex idx);

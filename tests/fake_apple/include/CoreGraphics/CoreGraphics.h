@@ -10,21 +10,15 @@
 extern "C" {
 
 typedef double CGFloat;
-struct CGPoint { CGFloat x; CGFloat y; };
-struct CGSize { CGFloat width; CGFloat height; };
-struct CGRect { CGPoint origin; CGSize size; };
-typedef struct CGPoint CGPoint;
-typedef struct CGSize CGSize;
-typedef struct CGRect CGRect;
+typedef struct CGPoint { CGFloat x; CGFloat y; } CGPoint;
+typedef struct CGSize { CGFloat width; CGFloat height; } CGSize;
+typedef struct CGRect { CGPoint origin; CGSize size; } CGRect;
 
 typedef uint32_t CGDirectDisplayID;
-typedef int32_t CGError;
-enum { kCGErrorSuccess = 0, kCGErrorFailure = 1000 };
-typedef int boolean_t;
+typedef enum CGError : int32_t { kCGErrorSuccess = 0, kCGErrorFailure = 1000 } CGError;  // CF_ENUM
 typedef struct CGDisplayMode* CGDisplayModeRef;
 
-CGError CGGetActiveDisplayList(uint32_t maxDisplays, CGDirectDisplayID* activeDisplays,
-                               uint32_t* displayCount);
+CGError CGGetActiveDisplayList(uint32_t maxDisplays, CGDirectDisplayID* activeDisplays, uint32_t* displayCount);
 CGRect CGDisplayBounds(CGDirectDisplayID display);
 size_t CGDisplayPixelsWide(CGDirectDisplayID display);
 size_t CGDisplayPixelsHigh(CGDirectDisplayID display);
@@ -34,7 +28,7 @@ CGDisplayModeRef CGDisplayCopyDisplayMode(CGDirectDisplayID display);
 size_t CGDisplayModeGetWidth(CGDisplayModeRef mode);
 size_t CGDisplayModeGetPixelWidth(CGDisplayModeRef mode);
 void CGDisplayModeRelease(CGDisplayModeRef mode);
-// Deprecated since macOS 10.9, as in the real header. The port is not the caller's to release.
+// Deprecated since macOS 10.9, older than any target Qt 5.15 supports. The port is lent, not given.
 io_service_t CGDisplayIOServicePort(CGDirectDisplayID display) __attribute__((deprecated));
 
 }  // extern "C"

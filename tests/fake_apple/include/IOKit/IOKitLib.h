@@ -17,13 +17,17 @@ typedef UInt32 IOOptionBits;
 #define kIOServicePlane "IOService"
 enum { kIORegistryIterateRecursively = 0x00000001, kIORegistryIterateParents = 0x00000002 };
 
-// Deprecated since macOS 12 in favour of kIOMainPortDefault, as in the real header.
-extern const mach_port_t kIOMasterPortDefault __attribute__((deprecated("use kIOMainPortDefault")));
+// Deprecated from macOS 12 on, for kIOMainPortDefault. Apple's compiler announces the deployment
+// target; a build that sets none targets the SDK's own version (14.2).
+#if !defined(__ENVIRONMENT_MAC_OS_X_VERSION_MIN_REQUIRED__) || \
+    __ENVIRONMENT_MAC_OS_X_VERSION_MIN_REQUIRED__ >= 120000
+__attribute__((deprecated("use kIOMainPortDefault")))
+#endif
+extern const mach_port_t kIOMasterPortDefault;
 
 CFMutableDictionaryRef IOServiceMatching(const char* name);
-// Consumes one reference of `matching`, whatever the outcome.
-kern_return_t IOServiceGetMatchingServices(mach_port_t mainPort, CFDictionaryRef matching,
-                                           io_iterator_t* existing);
+// Consumes one reference of `matching`, whatever the outcome; *existing is 0 when nothing matches.
+kern_return_t IOServiceGetMatchingServices(mach_port_t mainPort, CFDictionaryRef matching, io_iterator_t* existing);
 io_object_t IOIteratorNext(io_iterator_t iterator);
 kern_return_t IOObjectRelease(io_object_t object);
 kern_return_t IOObjectGetClass(io_object_t object, io_name_t className);

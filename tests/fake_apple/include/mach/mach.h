@@ -1,5 +1,5 @@
 // Linux test build only: the Mach types and host calls that the macOS collector uses, with the
-// layouts of the current macOS SDK (arm64). Implemented by ../../fake_machine.cpp.
+// layouts of the macOS 14.2 SDK (arm64). Implemented by ../../fake_machine.cpp.
 #pragma once
 
 #include <cstdint>
@@ -8,6 +8,7 @@ extern "C" {
 
 typedef unsigned int natural_t;
 typedef int integer_t;
+typedef int boolean_t;
 typedef natural_t mach_port_t;
 typedef mach_port_t host_t;
 typedef int kern_return_t;
@@ -18,35 +19,16 @@ typedef integer_t* host_info64_t;
 
 #define MACH_PORT_NULL 0
 #define KERN_SUCCESS 0
-#define KERN_INVALID_ARGUMENT 4
-#define KERN_FAILURE 5
 
+// Field order as in mach/vm_statistics.h; older kernels fill only a prefix of it.
 struct vm_statistics64 {
-    natural_t free_count;
-    natural_t active_count;
-    natural_t inactive_count;
-    natural_t wire_count;
-    uint64_t zero_fill_count;
-    uint64_t reactivations;
-    uint64_t pageins;
-    uint64_t pageouts;
-    uint64_t faults;
-    uint64_t cow_faults;
-    uint64_t lookups;
-    uint64_t hits;
-    uint64_t purges;
-    natural_t purgeable_count;
-    natural_t speculative_count;
-    uint64_t decompressions;
-    uint64_t compressions;
-    uint64_t swapins;
-    uint64_t swapouts;
-    natural_t compressor_page_count;
-    natural_t throttled_count;
-    natural_t external_page_count;
-    natural_t internal_page_count;
+    natural_t free_count, active_count, inactive_count, wire_count;
+    uint64_t zero_fill_count, reactivations, pageins, pageouts, faults, cow_faults, lookups, hits,
+        purges;
+    natural_t purgeable_count, speculative_count;
+    uint64_t decompressions, compressions, swapins, swapouts;
+    natural_t compressor_page_count, throttled_count, external_page_count, internal_page_count;
     uint64_t total_uncompressed_pages_in_compressor;
-    uint64_t swapped_count;
 } __attribute__((aligned(8)));
 typedef struct vm_statistics64 vm_statistics64_data_t;
 
