@@ -1,21 +1,28 @@
 #include "information_api/http.h"
 
 #include "information_api/json_handler.h"
+#include "information_api/transport_security.h"
 
 #include <glog/logging.h>
 
 #include <QDebug>
+#include <QCryptographicHash>
 #include <QDeadlineTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QHttpMultiPart>
 #include <QNetworkAccessManager>
+#include <QSaveFile>
+#include <QSet>
+#include <QSslCertificate>
 #include <QSslConfiguration>
+#include <QSslKey>
 #include <QTimer>
 #include <QUrl>
 
 #include <algorithm>
 #include <ctime>
+#include <mutex>
 #include <string>
 #include <unistd.h>
 
@@ -44,14 +51,167 @@ bool is_https_url(const QString& url)
            url[5] == ':';
 }
 
-// The service runs on hosts whose certificates are not checked; the protocol is pinned to TLS 1.2.
-void use_unverified_tls12(QNetworkRequest& request)
+// The process's transport policy. By default the service's hosts are not checked and the
+// protocol is pinned to TLS 1.2, as the deployed service requires; a host may turn verification
+// on (transport_security.h). Set on the host's thread, read as each request is built; the pins
+// are checked on the worker thread against a copy taken then.
+struct transport_policy {
+    bool verify = false;
+    QList<QSslCertificate> authorities;  // empty while verifying: the system's store
+    QSet<QByteArray> pins;               // base64 of SHA-256 of SubjectPublicKeyInfo
+};
+std::mutex policy_mutex;
+transport_policy policy;
+
+transport_policy current_policy()
 {
-    QSslConfiguration config = request.sslConfiguration();
-    config.setPeerVerifyMode(QSslSocket::VerifyNone);
-    config.setProtocol(QSsl::TlsV1_2);
-    request.setSslConfiguration(config);
+    std::lock_guard<std::mutex> lock(policy_mutex);
+    return policy;
 }
+
+// The reply property that says why the library ended a reply itself.
+const char* const kRefusal = "information_api_refusal";
+
+// Configures TLS for a request to `url` under the current policy; false when the policy forbids
+// sending it at all (anything but https while verifying). `seed_rule_applies`: whether the
+// default configuration is given to this URL (some requests give it only to https URLs).
+bool secure_request(QNetworkRequest& request, const QString& url, bool seed_rule_applies)
+{
+    const transport_policy current = current_policy();
+    QSslConfiguration config = request.sslConfiguration();
+    if (!current.verify) {
+        if (!seed_rule_applies)
+            return true;
+        config.setPeerVerifyMode(QSslSocket::VerifyNone);
+        config.setProtocol(QSsl::TlsV1_2);
+    } else {
+        if (!is_https_url(url))
+            return false;
+        config.setPeerVerifyMode(QSslSocket::VerifyPeer);
+        config.setProtocol(QSsl::TlsV1_2OrLater);
+        config.setCaCertificates(current.authorities.isEmpty() ? QSslConfiguration::systemCaCertificates()
+                                                               : current.authorities);
+    }
+    request.setSslConfiguration(config);
+    return true;
+}
+
+// Qt reports a connection encrypted before the request is written: a server whose key is not
+// pinned is cut off there, before it sees a byte of the request.
+void check_pinned_key(QNetworkReply* reply)
+{
+    const transport_policy current = current_policy();
+    if (!current.verify || current.pins.isEmpty())
+        return;
+    QObject::connect(reply, &QNetworkReply::encrypted, reply, [reply, pins = current.pins] {
+        const QByteArray key = reply->sslConfiguration().peerCertificate().publicKey().toDer();
+        if (pins.contains(QCryptographicHash::hash(key, QCryptographicHash::Sha256).toBase64()))
+            return;
+        reply->setProperty(kRefusal, QStringLiteral("public key pin mismatch"));
+        reply->abort();
+    });
+}
+
+// A reply's error as the sink hears it: a reply the library ended itself reports why.
+int reply_error(const QNetworkReply* reply)
+{
+    return reply->property(kRefusal).isValid() ? int(QNetworkReply::SslHandshakeFailedError) : int(reply->error());
+}
+
+QString reply_error_text(const QNetworkReply* reply)
+{
+    const QVariant refusal = reply->property(kRefusal);
+    return refusal.isValid() ? refusal.toString() : reply->errorString();
+}
+
+// One download_verified() transfer. It streams the body into a QSaveFile beside the target while
+// hashing it and reports exactly once. A child of its connector: released with it, it takes the
+// temporary file along and reports nothing.
+class verified_download : public QObject {
+public:
+    verified_download(QObject* connector, information_sink* sink, int id, const QString& target,
+                      const QString& sha256_hex, int timeout_ms)
+        : QObject(connector), sink_(sink), id_(id), file_(target, this),
+          expected_(sha256_hex.toLower().toLatin1())
+    {
+        idle_.setSingleShot(true);
+        idle_.setInterval(timeout_ms);
+    }
+
+    bool open() { return file_.open(QIODevice::WriteOnly); }
+
+    // Ends before anything was sent; reported from the connector's thread, as any outcome is.
+    void fail_unsent(int code, int net_error)
+    {
+        QMetaObject::invokeMethod(this, [this, code, net_error] { finish(false, code, net_error); },
+                                  Qt::QueuedConnection);
+    }
+
+    void watch(QNetworkReply* reply)
+    {
+        connect(reply, &QNetworkReply::readyRead, this, [this, reply] { take(reply); });
+        connect(reply, &QNetworkReply::downloadProgress, this, [this](qint64 received, qint64 total) {
+            if (!done_)
+                idle_.start();
+            report_download_progress(sink_, id_, received, total);
+        });
+        connect(reply, &QNetworkReply::finished, this, [this, reply] { end(reply); });
+        connect(&idle_, &QTimer::timeout, reply, [this, reply] {
+            finish(false, 6, -1);
+            reply->abort();
+        });
+        // Started where the connector ends up, like the requests' time-out.
+        QMetaObject::invokeMethod(this, [this] {
+            if (!done_)
+                idle_.start();
+        }, Qt::QueuedConnection);
+    }
+
+private:
+    void take(QNetworkReply* reply)
+    {
+        const QByteArray chunk = reply->readAll();
+        if (done_ || chunk.isEmpty())
+            return;
+        hash_.addData(chunk);
+        if (file_.write(chunk) != chunk.size()) {
+            finish(false, 8, 0);
+            reply->abort();
+        }
+    }
+
+    void end(QNetworkReply* reply)
+    {
+        take(reply);
+        const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+        if (reply->error() != QNetworkReply::NoError || status < 200 || status > 299)
+            finish(false, 7, reply_error(reply));
+        else if (hash_.result().toHex() != expected_)
+            finish(false, 9, 0);
+        else
+            finish(true, 8, 0);  // 8 if the file cannot take its target's place
+    }
+
+    void finish(bool ok, int code, int net_error)
+    {
+        if (done_)
+            return;
+        done_ = true;
+        idle_.stop();
+        if (!ok)
+            file_.cancelWriting();
+        ok = file_.commit() && ok;  // cancelled: removes the temporary file, the target untouched
+        report_download_end(sink_, id_, ok, ok ? 0 : code, ok ? 0 : net_error);
+    }
+
+    information_sink* const sink_;
+    const int id_;
+    QSaveFile file_;
+    QCryptographicHash hash_{QCryptographicHash::Sha256};
+    const QByteArray expected_;
+    QTimer idle_{this};
+    bool done_ = false;
+};
 
 double processor_seconds()
 {
@@ -181,8 +341,10 @@ void http_connector::send_request(const std::string& path, const QString& body,
     qDebug() << "send_request" << "url : " << url;
 
     request_.setUrl(QUrl(url, QUrl::TolerantMode));
-    if (is_https_url(url))
-        use_unverified_tls12(request_);
+    if (!secure_request(request_, url, is_https_url(url))) {
+        refuse_request(url);
+        return;
+    }
     request_.setHeader(QNetworkRequest::ContentTypeHeader,
                        QStringLiteral("application/json;charset=utf-8"));
     for (const auto& header : headers)
@@ -191,6 +353,7 @@ void http_connector::send_request(const std::string& path, const QString& body,
     start_timeout(timeout_ms);
     choose_handler("");
     reply_ = manager->post(request_, body.toUtf8());
+    check_pinned_key(reply_);
     connect_reply_slots();
     bytes_received_ = 0;
     last_activity_ = processor_seconds();
@@ -198,9 +361,20 @@ void http_connector::send_request(const std::string& path, const QString& body,
 
 void http_connector::report_network_error(QNetworkReply* reply)
 {
-    const QString text = reply->errorString();
     rt_ = 7;
-    report_response(sink_, id_, failure(text, 7, reply->error()));
+    report_response(sink_, id_, failure(reply_error_text(reply), 7, reply_error(reply)));
+}
+
+void http_connector::refuse_request(const QString& url)
+{
+    LOG(INFO) << "refused to send to " << url.toStdString() << ": verification is on";
+    // Reported from the connector's own thread, as any outcome is.
+    QMetaObject::invokeMethod(this, [this] {
+        rt_ = 7;
+        report_response(sink_, id_, failure(QStringLiteral("refused to send: only https is allowed while "
+                                                           "server verification is on"),
+                                            7, QNetworkReply::ProtocolInvalidOperationError));
+    }, Qt::QueuedConnection);
 }
 
 void http_connector::timeout_event()
@@ -255,7 +429,8 @@ void http_connector::replyFinished(QNetworkReply* reply)
 void http_connector::error(QNetworkReply::NetworkError code)
 {
     LOG(INFO) << "error" << int(code);
-    report_response(sink_, id_, failure(QString(), 7, code));
+    const auto* reply = qobject_cast<const QNetworkReply*>(sender());
+    report_response(sink_, id_, failure(QString(), 7, reply ? reply_error(reply) : int(code)));
 }
 
 void http_connector::sslErrors(const QList<QSslError>& errors)
@@ -283,6 +458,12 @@ int http_connector::send_multipart_request(const QString& path, const QString& f
                                            const std::map<QString, QString>& headers,
                                            int timeout_ms, const QString& base_url)
 {
+    const QString url = base_url + path;
+    QNetworkRequest request(QUrl(url, QUrl::TolerantMode));
+    if (!secure_request(request, url, is_https_url(url))) {
+        refuse_request(url);
+        return 0;
+    }
     auto* file = new QFile(file_path);
     if (!file->open(QIODevice::ReadOnly)) {
         LOG(INFO) << "file open faied or not readable  !" << file_path.toLocal8Bit().constData();
@@ -290,19 +471,15 @@ int http_connector::send_multipart_request(const QString& path, const QString& f
         return -1;
     }
     auto* body = new QHttpMultiPart(QHttpMultiPart::FormDataType);
-    const QString url = base_url + path;
     for (const auto& field : fields)
         body->append(part_parameter(field.first, field.second));
 
-    QNetworkRequest request(QUrl(url, QUrl::TolerantMode));
     // Only the first header is sent: the service reads nothing else from a file upload.
     if (!headers.empty()) {
         const auto& header = *headers.begin();
         request.setRawHeader(QByteArray(header.first.toUtf8().constData()),
                              QByteArray(header.second.toUtf8().constData()));
     }
-    if (is_https_url(url))
-        use_unverified_tls12(request);
 
     QHttpPart file_part;
     file_part.setHeader(QNetworkRequest::ContentTypeHeader,
@@ -317,6 +494,7 @@ int http_connector::send_multipart_request(const QString& path, const QString& f
     delete handler_;
     handler_ = new upload_file_handler(sink_, id_);
     QNetworkReply* reply = manager->post(request, body);
+    check_pinned_key(reply);
     body->setParent(reply);
     connect(reply, SIGNAL(uploadProgress(qint64, qint64)), this,
             SLOT(update_data_write_progress(qint64, qint64)));
@@ -329,7 +507,10 @@ int http_connector::get_json_file(QString url, int timeout_ms)
     const QUrl parsed(url, QUrl::TolerantMode);
     qDebug() << "url_path=" << url;
     QNetworkRequest request;
-    use_unverified_tls12(request);
+    if (!secure_request(request, url, true)) {
+        refuse_request(url);
+        return 0;
+    }
     request.setAttribute(QNetworkRequest::CacheLoadControlAttribute, QNetworkRequest::AlwaysNetwork);
     request.setAttribute(QNetworkRequest::CacheSaveControlAttribute, false);
     request.setAttribute(QNetworkRequest::MaximumDownloadBufferSizeAttribute, 20971520);
@@ -339,10 +520,34 @@ int http_connector::get_json_file(QString url, int timeout_ms)
     handler_ = new get_url_json_file_handler(sink_, id_);
     request.setUrl(parsed);
     reply_ = manager->get(request);
+    check_pinned_key(reply_);
     LOG(INFO) << "manager->post reply_=" << reinterpret_cast<quintptr>(reply_);
     connect_reply_slots();
     start_timeout(timeout_ms);
     return 0;
+}
+
+void http_connector::download_verified_file(const QString& url, const QString& file_path,
+                                            const QString& sha256_hex, int timeout_ms)
+{
+    file_path_ = file_path;
+    auto* transfer = new verified_download(this, sink_, id_, file_path, sha256_hex, timeout_ms);
+    QNetworkRequest request(QUrl(url, QUrl::TolerantMode));
+    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::NoLessSafeRedirectPolicy);
+    if (!secure_request(request, url, true)) {
+        LOG(INFO) << "refused to download from " << url.toStdString() << ": verification is on";
+        transfer->fail_unsent(7, QNetworkReply::ProtocolInvalidOperationError);
+        return;
+    }
+    if (!transfer->open()) {
+        LOG(INFO) << "download_verified cannot write beside " << file_path.toStdString();
+        transfer->fail_unsent(8, 0);
+        return;
+    }
+    disconnect(manager, SIGNAL(finished(QNetworkReply*)), this, SLOT(replyFinished(QNetworkReply*)));
+    reply_ = manager->get(request);
+    check_pinned_key(reply_);
+    transfer->watch(reply_);
 }
 
 QString http_connector::download_temp_path() const
@@ -360,9 +565,13 @@ void http_connector::downloadAppFile(QString url, QString file_path)
     qDebug() << "downloadAppFile" << "remove ret : " << removed;
 
     QNetworkRequest request;
-    use_unverified_tls12(request);
+    if (!secure_request(request, url, true)) {  // reported like any failed download: not at all
+        LOG(INFO) << "refused to download from " << url.toStdString() << ": verification is on";
+        return;
+    }
     request.setUrl(QUrl(url, QUrl::TolerantMode));
     reply_ = manager->get(request);
+    check_pinned_key(reply_);
 
     disconnect(manager, SIGNAL(finished(QNetworkReply*)), this, SLOT(replyFinished(QNetworkReply*)));
     const auto rewire = [this](const char* signal, const char* slot) {
@@ -473,6 +682,44 @@ void http_connector::replyDownload(QNetworkReply* reply)
     qDebug() << "rt_=" << rt_;
     qDebug() << "net_errocode=" << net_error;
     report_download_end(sink_, id_, success, status, net_error);
+}
+
+int set_trusted_certificates(const QString& ca_file)
+{
+    QList<QSslCertificate> authorities;
+    if (!ca_file.isEmpty()) {
+        QFile file(ca_file);
+        if (!file.open(QIODevice::ReadOnly))
+            return -1;
+        authorities = QSslCertificate::fromData(file.readAll(), QSsl::Pem);
+        if (authorities.isEmpty())
+            return -1;
+    }
+    std::lock_guard<std::mutex> lock(policy_mutex);
+    policy.verify = true;
+    policy.authorities = authorities;
+    return 0;
+}
+
+int set_pinned_public_keys(const QStringList& sha256_base64)
+{
+    QSet<QByteArray> pins;
+    for (const QString& pin : sha256_base64) {
+        const auto decoded = QByteArray::fromBase64Encoding(pin.toLatin1(), QByteArray::AbortOnBase64DecodingErrors);
+        if (!decoded || decoded.decoded.size() != 32)
+            return -1;
+        pins.insert(decoded.decoded.toBase64());
+    }
+    std::lock_guard<std::mutex> lock(policy_mutex);
+    policy.pins = pins;
+    return 0;
+}
+
+int clear_transport_security()
+{
+    std::lock_guard<std::mutex> lock(policy_mutex);
+    policy = transport_policy();
+    return 0;
 }
 
 bool http_connector::installNewApp()

@@ -71,6 +71,9 @@ public:
                                const QString& base_url);
     int get_json_file(QString url, int timeout_ms);
     void downloadAppFile(QString url, QString file_path);
+    // download_verified(): the body into a temporary file beside file_path, hashed as it arrives.
+    void download_verified_file(const QString& url, const QString& file_path, const QString& sha256_hex,
+                                int timeout_ms);
     bool installNewApp();
     json_handler* choose_handler(const std::string& name);
 
@@ -96,6 +99,7 @@ private:
     void start_timeout(int timeout_ms);
     void connect_reply_slots();  // reply_'s data, error and progress signals to the request slots
     void report_network_error(QNetworkReply* reply);
+    void refuse_request(const QString& url);  // reports a request the transport policy forbids
     QString download_temp_path() const;
 
     int rt_ = 0;

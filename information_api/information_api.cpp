@@ -1,11 +1,13 @@
 #include "information_api/information_api.h"
 
 #include "information_api/http.h"
+#include "information_api/transport_security.h"
 
 #include <glog/logging.h>
 
 #include <QDebug>
 #include <QNetworkAccessManager>
+#include <QRegularExpression>
 #include <QSemaphore>
 #include <QSslConfiguration>
 
@@ -187,6 +189,18 @@ int downLoadApp(int id, information_sink* sink, const QString& url, const QStrin
 {
     http_connector* connector = open_connection(id, sink);
     connector->downloadAppFile(url, file_path);
+    hand_over(connector);
+    return 0;
+}
+
+int download_verified(int id, information_sink* sink, const QString& url, const QString& file_path,
+                      const QString& sha256_hex, int timeout_ms)
+{
+    static const QRegularExpression sha256(QStringLiteral("^[0-9A-Fa-f]{64}$"));
+    if (file_path.isEmpty() || !sha256.match(sha256_hex).hasMatch())
+        return -1;
+    http_connector* connector = open_connection(id, sink);
+    connector->download_verified_file(url, file_path, sha256_hex, timeout_ms);
     hand_over(connector);
     return 0;
 }

@@ -3,6 +3,7 @@
 // confirmed it, so an interrupted run or a dead service never loses a record: the next run
 // sends what is left.
 #include <information_api/information_api.h>
+#include <information_api/transport_security.h>
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
@@ -278,7 +279,13 @@ bool parse(const QCoreApplication& app, options& opts, QString& dir)
     const QCommandLineOption dry_option("dry-run", "List the due records, send nothing.");
     const QCommandLineOption force_option("force", "Upload even when \"enable\" is 0.");
     const QCommandLineOption watch_option("watch", "Repeat every \"time_intval\" seconds.");
-    parser.addOptions({dir_option, url_option, timeout_option, dry_option, force_option, watch_option});
+    const QCommandLineOption ca_option("ca-file", "Verify the service: its certificate chain must lead to one "
+                                       "in FILE (PEM) and name its host. Without it, no certificate "
+                                       "is checked.", "file");
+    const QCommandLineOption pin_option("pin", "With --ca-file: the service's public key must also have this "
+                                        "SHA-256 (base64 of its SubjectPublicKeyInfo); repeatable.", "sha256");
+    parser.addOptions({dir_option, url_option, timeout_option, dry_option, force_option, watch_option,
+                       ca_option, pin_option});
     if (!parser.parse(app.arguments())) {
         std::fprintf(stderr, "%s\n", qPrintable(parser.errorText()));
         return false;
@@ -290,6 +297,18 @@ bool parse(const QCoreApplication& app, options& opts, QString& dir)
         opts.timeout_ms = parser.value(timeout_option).toInt(&ok);
     if (!ok || opts.timeout_ms <= 0) {
         std::fprintf(stderr, "--timeout needs a positive number of milliseconds\n");
+        return false;
+    }
+    if (parser.isSet(pin_option) && !parser.isSet(ca_option)) {
+        std::fprintf(stderr, "--pin needs --ca-file\n");
+        return false;
+    }
+    if (parser.isSet(ca_option) && set_trusted_certificates(parser.value(ca_option)) != 0) {
+        std::fprintf(stderr, "--ca-file %s: no certificate could be read\n", qPrintable(parser.value(ca_option)));
+        return false;
+    }
+    if (set_pinned_public_keys(parser.values(pin_option)) != 0) {
+        std::fprintf(stderr, "--pin needs the base64 of a 32-byte SHA-256\n");
         return false;
     }
     opts.url = parser.value(url_option);
