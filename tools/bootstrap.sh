@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs every Debian 12 package the project needs to build, test, benchmark and run its tools.
+# Installs every Debian 12 package the project needs to build, test, benchmark, document and run
+# its tools.
 # Idempotent: when everything is present it prints nothing and touches nothing.
 set -euo pipefail
 
@@ -10,6 +11,7 @@ packages=(
   libcpp-httplib-dev libssl-dev openssl
   libbenchmark-dev libcurl4-openssl-dev curl
   clang libclang-rt-14-dev
+  doxygen
 )
 
 missing=()

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# Builds the library and runs every test: once in a normal build, once more under
-# AddressSanitizer + UndefinedBehaviorSanitizer, the threaded tests under ThreadSanitizer, then
-# fuzzes the response handlers and the record reader for a bounded time. Installs what is missing
-# first.
+# Builds the library and runs every test: once in a normal build (then its API reference, which
+# fails on any Doxygen warning), once more under AddressSanitizer + UndefinedBehaviorSanitizer, the
+# threaded tests under ThreadSanitizer, then fuzzes the response handlers and the record reader
+# for a bounded time. Installs what is missing first.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash tools/bootstrap.sh
@@ -17,6 +17,8 @@ run_suite() {  # build dir, extra cmake args...
 echo "== tests =="
 CTEST_ARGS=()
 run_suite build
+echo "== API reference (Doxygen: one warning fails it) =="
+cmake --build build --target docs
 echo "== tests under AddressSanitizer + UndefinedBehaviorSanitizer =="
 CTEST_ARGS=(-LE package)  # the package test builds a host without the sanitizer runtime
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
