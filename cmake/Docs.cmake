@@ -13,8 +13,8 @@ set(DOXYGEN_PROJECT_BRIEF "Product-usage records and their upload, for the 3D-sc
 set(DOXYGEN_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/docs")
 set(DOXYGEN_USE_MDFILE_AS_MAINPAGE "${PROJECT_SOURCE_DIR}/docs/mainpage.md")
 # Headers are shown as hosts include them: <information_api/information_api.h>.
-set(DOXYGEN_STRIP_FROM_PATH "${PROJECT_SOURCE_DIR}")
-set(DOXYGEN_STRIP_FROM_INC_PATH "${PROJECT_SOURCE_DIR}")
+set(DOXYGEN_STRIP_FROM_PATH "${PROJECT_SOURCE_DIR}" "${PROJECT_BINARY_DIR}/include")
+set(DOXYGEN_STRIP_FROM_INC_PATH "${PROJECT_SOURCE_DIR}" "${PROJECT_BINARY_DIR}/include")
 set(DOXYGEN_FULL_PATH_NAMES YES)
 
 # Only what is documented is extracted, and whatever is public but undocumented is a warning.
@@ -55,6 +55,7 @@ set(_docs_inputs
   "${PROJECT_SOURCE_DIR}/information_api/windows_information_imp.h"
   "${PROJECT_SOURCE_DIR}/information_api/transport_security.h"
   "${PROJECT_SOURCE_DIR}/information_api/KrMacosInfo.h"  # installed on macOS only
+  "${PROJECT_BINARY_DIR}/include/information_api/information_api_version.h"  # generated
 )
 doxygen_add_docs(docs ${_docs_inputs}
   USE_STAMP_FILE
