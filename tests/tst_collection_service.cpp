@@ -125,5 +125,5 @@ void tst_collection_service::slow_clients()
     QTRY_COMPARE_WITH_TIMEOUT(connected(), 0, 10000);  // the deadline cut them off although they kept sending
 }
 
-QTEST_MAIN(tst_collection_service)
+QTEST_GUILESS_MAIN(tst_collection_service)
 #include "tst_collection_service.moc"
