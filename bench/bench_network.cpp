@@ -75,6 +75,7 @@ collection::collection_service make_service(bool prompt_ack)
 {
     collection::service_options options;
     options.keep_limit = 4096;  // the service keeps no 200 MB body in this process
+    options.max_body_size = 1ull << 30;  // and accepts the 200 MB attachments
     options.prompt_ack = prompt_ack;
     return collection::collection_service(options);
 }

@@ -23,7 +23,7 @@ int usage()
 {
     std::fprintf(stderr,
                  "usage: information_devserver [--data-dir DIR] [--host HOST] [--port N] [--http]\n"
-                 "         [--delay-ms N] [--silent] [--refuse] [--broken] [--reset] | --list\n");
+                 "         [--max-body-mb N] [--delay-ms N] [--silent] [--refuse] [--broken] [--reset] | --list\n");
     return 2;
 }
 
@@ -44,7 +44,8 @@ int main(int argc, char** argv)
 {
     collection::service_options options;
     options.data_dir = "devserver-data";
-    options.store_received = true;
+    options.store_received = true;  // bodies go to disk as they arrive
+    options.keep_limit = 4096;       // a long-running server keeps only a glimpse of each in memory
     collection::reply misbehaviour;
     bool misbehave = false, listing = false;
     for (int i = 1; i < argc; ++i) {
@@ -54,6 +55,7 @@ int main(int argc, char** argv)
         else if (arg == "--host" && has_value) options.host = argv[++i];
         else if (arg == "--port" && has_value) options.port = std::atoi(argv[++i]);
         else if (arg == "--http") options.tls = false;
+        else if (arg == "--max-body-mb" && has_value) options.max_body_size = std::strtoull(argv[++i], nullptr, 10) << 20;
         else if (arg == "--list") listing = true;
         else if (arg == "--delay-ms" && has_value) misbehaviour.delay = std::chrono::milliseconds(std::atoi(argv[++i]));
         else if (arg == "--silent") misbehave = misbehaviour.silent = true;

@@ -2,25 +2,37 @@
 
 #include <httplib.h>
 
+#include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
+#include <fcntl.h>
+#include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
+#include <climits>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <deque>
 #include <filesystem>
 #include <fstream>
 #include <mutex>
 #include <random>
+#include <string_view>
 #include <thread>
+#include <type_traits>
 
 namespace fs = std::filesystem;
+using steady = std::chrono::steady_clock;
 
 namespace collection {
 
@@ -62,8 +74,13 @@ bool create_certificate(const std::string& cert_path, const std::string& key_pat
         X509_EXTENSION_free(san);
     }
     if (ok) {
+        // The key is private from its first byte on: created 0600, never readable by others.
+        std::remove(key_path.c_str());
+        const int key_fd = ::open(key_path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+        FILE* k = key_fd >= 0 ? ::fdopen(key_fd, "w") : nullptr;
+        if (key_fd >= 0 && !k)
+            ::close(key_fd);
         FILE* c = std::fopen(cert_path.c_str(), "w");
-        FILE* k = std::fopen(key_path.c_str(), "w");
         ok = c && k && PEM_write_X509(c, cert) &&
              PEM_write_PrivateKey(k, key, nullptr, nullptr, 0, nullptr, nullptr);
         if (c)
@@ -97,11 +114,16 @@ std::string quoted(const std::string& text)
     return "\"" + text + "\"";
 }
 
-bool looks_like_json_object(const std::string& body)
+// A request's text reduced to letters, digits, '_', '-' and the characters in `extra`: whatever a
+// client sends, it cannot name a folder or climb out of one.
+std::string reduced(const std::string& text, const char* extra)
 {
-    const auto first = body.find_first_not_of(" \t\r\n");
-    const auto last = body.find_last_not_of(" \t\r\n");
-    return first != std::string::npos && body[first] == '{' && body[last] == '}';
+    std::string out;
+    for (const char c : text)
+        if ((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' ||
+            c == '-' || (c != '\0' && std::strchr(extra, c)))
+            out += c;
+    return out;
 }
 
 std::string query_value(const std::string& target, const std::string& key)
@@ -113,11 +135,261 @@ std::string query_value(const std::string& target, const std::string& key)
     return target.substr(start, target.find_first_of("?&", start) - start);
 }
 
-void write_file(const fs::path& path, const std::string& bytes)
+// A body being written to disk while it arrives. It becomes a stored record or upload only once
+// the service accepted the request; a refused or broken one leaves nothing behind.
+class spool_file {
+public:
+    spool_file() = default;
+    spool_file(const spool_file&) = delete;
+    spool_file& operator=(const spool_file&) = delete;
+    ~spool_file()
+    {
+        if (path_.empty())
+            return;
+        out_.close();
+        std::error_code ec;
+        fs::remove(path_, ec);
+    }
+
+    void open(const fs::path& folder)
+    {
+        std::error_code ec;
+        fs::create_directories(folder, ec);
+        path_ = folder / fresh_id();
+        out_.open(path_, std::ios::binary);
+    }
+    bool is_open() const { return out_.is_open(); }
+    void write(const char* data, std::size_t length) { out_.write(data, std::streamsize(length)); }
+
+    // Moves the complete file to `target`; false when it could not be written or moved.
+    bool keep_as(const fs::path& target)
+    {
+        out_.close();
+        std::error_code ec;
+        fs::create_directories(target.parent_path(), ec);
+        if (out_.fail() || (fs::rename(path_, target, ec), ec))
+            return false;
+        path_.clear();
+        return true;
+    }
+
+private:
+    fs::path path_;
+    std::ofstream out_;
+};
+
+// Waits until `sock` is ready for `events`; false once `until` passed or the server stopped
+// listening (then nobody waits for this connection any more).
+bool wait_ready(int sock, short events, steady::time_point until, const std::atomic<int>& listening)
 {
-    fs::create_directories(path.parent_path());
-    std::ofstream(path, std::ios::binary) << bytes;
+    for (;;) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(until - steady::now()).count();
+        if (left <= 0 || listening == INVALID_SOCKET)
+            return false;
+        pollfd p{sock, events, 0};
+        const int n = ::poll(&p, 1, int(std::min<long long>(left, 100)));  // looks at stop() often
+        if (n > 0)
+            return true;  // POLLHUP and POLLERR too: the next call on the socket reports them
+        if (n < 0 && errno != EINTR)
+            return false;
+    }
 }
+
+// One connection on a non-blocking socket, plain or TLS. Reads end at the request's deadline,
+// each write waits at most write_timeout for room.
+class connection final : public httplib::Stream {
+public:
+    connection(int sock, SSL* ssl, steady::time_point deadline, steady::duration write_timeout,
+               const std::atomic<int>& listening)
+        : sock_(sock), ssl_(ssl), deadline_(deadline), write_timeout_(write_timeout), listening_(listening)
+    {
+    }
+
+    bool handshake() { return transfer(POLLIN, deadline_, [this] { return SSL_accept(ssl_); }) > 0; }
+
+    bool is_readable() const override
+    {
+        return (ssl_ && SSL_pending(ssl_) > 0) || wait_ready(sock_, POLLIN, deadline_, listening_);
+    }
+    bool is_writable() const override
+    {
+        return wait_ready(sock_, POLLOUT, steady::now() + write_timeout_, listening_);
+    }
+    ssize_t read(char* data, std::size_t size) override
+    {
+        const int n = int(std::min<std::size_t>(size, INT_MAX));
+        return transfer(POLLIN, deadline_, [&]() -> ssize_t {
+            return ssl_ ? SSL_read(ssl_, data, n) : ::recv(sock_, data, std::size_t(n), 0);
+        });
+    }
+    ssize_t write(const char* data, std::size_t size) override
+    {
+        const int n = int(std::min<std::size_t>(size, INT_MAX));
+        return transfer(POLLOUT, steady::now() + write_timeout_, [&]() -> ssize_t {
+            return ssl_ ? SSL_write(ssl_, data, n) : ::send(sock_, data, std::size_t(n), MSG_NOSIGNAL);
+        });
+    }
+    void get_remote_ip_and_port(std::string& ip, int& port) const override { address(::getpeername, ip, port); }
+    void get_local_ip_and_port(std::string& ip, int& port) const override { address(::getsockname, ip, port); }
+    socket_t socket() const override { return sock_; }
+
+    // Half-closes and reads what the client still sends until it closes or `until`: closing with
+    // unread bytes resets the connection, and the client could lose an answer given early (413).
+    void linger(steady::time_point until)
+    {
+        ::shutdown(sock_, SHUT_WR);
+        char ignored[16 * 1024];
+        while (wait_ready(sock_, POLLIN, until, listening_)) {
+            const ssize_t n = ::recv(sock_, ignored, sizeof ignored, 0);
+            if (n == 0 || (n < 0 && errno != EAGAIN && errno != EINTR))
+                break;
+        }
+    }
+
+private:
+    // Runs `op` until it moves bytes, waiting for what TLS or the socket asks for meanwhile.
+    template <class Op>
+    ssize_t transfer(short events, steady::time_point until, Op op) const
+    {
+        for (;;) {
+            ERR_clear_error();
+            const ssize_t n = op();
+            if (n > 0)
+                return n;
+            if (ssl_) {
+                const int error = SSL_get_error(ssl_, int(n));
+                if (error == SSL_ERROR_ZERO_RETURN)
+                    return 0;
+                if (error != SSL_ERROR_WANT_READ && error != SSL_ERROR_WANT_WRITE)
+                    return -1;
+                events = error == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT;
+            } else if (n == 0 || (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)) {
+                return n;
+            }
+            if (!wait_ready(sock_, events, until, listening_))
+                return -1;
+        }
+    }
+
+    void address(int (*get)(int, sockaddr*, socklen_t*), std::string& ip, int& port) const
+    {
+        sockaddr_storage addr{};
+        socklen_t length = sizeof addr;
+        char host[NI_MAXHOST], service[NI_MAXSERV];
+        if (get(sock_, reinterpret_cast<sockaddr*>(&addr), &length) == 0 &&
+            getnameinfo(reinterpret_cast<sockaddr*>(&addr), length, host, sizeof host, service,
+                        sizeof service, NI_NUMERICHOST | NI_NUMERICSERV) == 0) {
+            ip = host;
+            port = std::atoi(service);
+        }
+    }
+
+    int sock_;
+    SSL* ssl_;
+    steady::time_point deadline_;
+    steady::duration write_timeout_;
+    const std::atomic<int>& listening_;
+};
+
+// The packaged server bounds each recv only, so a client trickling a byte every few seconds held
+// one of its threads forever. This one serves one request per connection and gives the client
+// request_deadline for all of it: handshake, head and body.
+template <class Base>
+class deadline_server final : public Base {
+public:
+    template <class... Args>
+    explicit deadline_server(std::chrono::milliseconds deadline, Args&&... args)
+        : Base(std::forward<Args>(args)...), deadline_(deadline)
+    {
+    }
+
+private:
+    bool process_and_close_socket(socket_t sock) override
+    {
+        const steady::time_point deadline = steady::now() + deadline_;
+        ::fcntl(sock, F_SETFL, ::fcntl(sock, F_GETFL) | O_NONBLOCK);
+        SSL* ssl = nullptr;
+        if constexpr (std::is_same_v<Base, httplib::SSLServer>) {
+            ssl = SSL_new(this->ssl_context());
+            if (ssl)
+                SSL_set_fd(ssl, sock);
+        }
+        const auto write_timeout = std::chrono::seconds(this->write_timeout_sec_) +
+                                   std::chrono::microseconds(this->write_timeout_usec_);
+        connection conn(sock, ssl, deadline, write_timeout, this->svr_sock_);
+        const bool tls = std::is_same_v<Base, httplib::SSLServer>;
+        bool ok = false;
+        if (this->svr_sock_ != INVALID_SOCKET && (!tls || (ssl && conn.handshake()))) {
+            bool closed = false;
+            ok = this->process_request(conn, true, closed, [ssl](httplib::Request& req) { req.ssl = ssl; });
+        }
+        if (ssl) {
+            if (ok)
+                SSL_shutdown(ssl);
+            SSL_free(ssl);
+        }
+        conn.linger(std::min(deadline, steady::now() + std::chrono::seconds(1)));
+        ::close(sock);
+        return ok;
+    }
+
+    std::chrono::milliseconds deadline_;
+};
+
+// Starts a thread when a connection arrives and none is idle, up to `most`: each test starts its
+// own service, and the packaged pool starts all of its threads at once and never more.
+class growing_pool final : public httplib::TaskQueue {
+public:
+    explicit growing_pool(std::size_t most) : most_(std::max<std::size_t>(most, 1)) {}
+
+    // Called by the accepting thread only, as is shutdown(): threads_ needs no lock.
+    void enqueue(std::function<void()> job) override
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        jobs_.push_back(std::move(job));
+        if (idle_ < jobs_.size() && threads_.size() < most_)
+            threads_.emplace_back([this] { work(); });
+        else
+            ready_.notify_one();
+    }
+
+    void shutdown() override
+    {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            shutting_down_ = true;
+        }
+        ready_.notify_all();
+        for (std::thread& t : threads_)
+            t.join();
+    }
+
+private:
+    void work()
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        for (;;) {
+            ++idle_;
+            ready_.wait(lock, [this] { return !jobs_.empty() || shutting_down_; });
+            --idle_;
+            if (jobs_.empty())
+                return;
+            std::function<void()> job = std::move(jobs_.front());
+            jobs_.pop_front();
+            lock.unlock();
+            job();
+            lock.lock();
+        }
+    }
+
+    const std::size_t most_;
+    std::vector<std::thread> threads_;
+    std::mutex mutex_;
+    std::condition_variable ready_;
+    std::deque<std::function<void()>> jobs_;
+    std::size_t idle_ = 0;
+    bool shutting_down_ = false;
+};
 
 }  // namespace
 
@@ -140,6 +412,16 @@ int received_request::header_count(const std::string& name) const
                              [&](const auto& h) { return same_name(h.first, name); }));
 }
 
+// A request while the service reads it: besides what is kept for inspection, what the real answer
+// needs of a body it does not keep (its first and last non-blank bytes) and the copy on disk.
+struct incoming {
+    enum class body_state { complete, too_large, incomplete };
+    received_request request;
+    body_state body = body_state::complete;
+    char first = 0, last = 0;
+    spool_file spool;  // the record's body or the upload's file part, when the service stores them
+};
+
 struct collection_service::impl {
     service_options options;
     std::string error;
@@ -157,10 +439,10 @@ struct collection_service::impl {
     bool stopping = false;
     std::atomic<int> stored{0};
 
-    received_request read(const httplib::Request& req, const httplib::ContentReader* reader);
+    void read(const httplib::Request& req, const httplib::ContentReader* reader, incoming& in);
     void record(const received_request& request);
     std::optional<reply> run_script(const received_request& request);
-    reply real_answer(const received_request& request);
+    reply real_answer(incoming& in);
     bool serve_file(const fs::path& path, httplib::Response& res);
     bool wait_released();  // false when the service is stopping
     void respond(const reply& r, httplib::Response& res);
@@ -168,10 +450,10 @@ struct collection_service::impl {
                 const httplib::ContentReader* reader);
 };
 
-received_request collection_service::impl::read(const httplib::Request& req,
-                                                const httplib::ContentReader* reader)
+void collection_service::impl::read(const httplib::Request& req, const httplib::ContentReader* reader,
+                                    incoming& in)
 {
-    received_request request;
+    received_request& request = in.request;
     request.at = std::chrono::steady_clock::now();
     request.method = req.method;
     request.target = req.target;
@@ -179,32 +461,58 @@ received_request collection_service::impl::read(const httplib::Request& req,
     for (const auto& h : req.headers)
         request.headers.emplace_back(h.first, h.second);
     if (!reader)
-        return request;
-    const std::size_t keep = options.keep_limit;
-    const auto keep_bytes = [keep](std::string& into, std::uint64_t& size, const char* data,
-                                   std::size_t length) {
-        if (into.size() < keep)
-            into.append(data, std::min(length, keep - into.size()));
-        size += length;
+        return;
+    if (req.get_header_value<std::uint64_t>("Content-Length") > options.max_body_size) {
+        in.body = incoming::body_state::too_large;  // refused before a byte of it is read
+        return;
+    }
+    const auto accept = [&](std::string& kept, const char* data, std::size_t length) {
+        request.body_size += length;
+        if (request.body_size > options.max_body_size) {
+            in.body = incoming::body_state::too_large;
+            return false;
+        }
+        if (kept.size() < options.keep_limit)
+            kept.append(data, std::min(length, options.keep_limit - kept.size()));
         return true;
     };
+    const fs::path spool_folder = fs::path(data_dir) / "incoming";
+    bool read_all;
     if (req.is_multipart_form_data()) {
-        (*reader)(
+        std::size_t spooled = std::string::npos;  // the first "file" part, the one an upload stores
+        read_all = (*reader)(
             [&](const httplib::MultipartFormData& part) {
                 request.parts.push_back({part.name, part.filename, part.content_type, {}, 0});
+                if (options.store_received && part.name == "file" && !in.spool.is_open()) {
+                    in.spool.open(spool_folder);
+                    spooled = request.parts.size() - 1;
+                }
                 return true;
             },
             [&](const char* data, std::size_t length) {
-                request.body_size += length;
                 received_part& part = request.parts.back();
-                return keep_bytes(part.content, part.size, data, length);
+                part.size += length;
+                if (request.parts.size() - 1 == spooled)
+                    in.spool.write(data, length);
+                return accept(part.content, data, length);
             });
     } else {
-        (*reader)([&](const char* data, std::size_t length) {
-            return keep_bytes(request.body, request.body_size, data, length);
+        if (options.store_received)
+            in.spool.open(spool_folder);
+        read_all = (*reader)([&](const char* data, std::size_t length) {
+            const std::string_view chunk(data, length);
+            const auto first = chunk.find_first_not_of(" \t\r\n");
+            if (first != std::string_view::npos) {
+                in.first = in.first ? in.first : chunk[first];
+                in.last = chunk[chunk.find_last_not_of(" \t\r\n")];
+            }
+            if (in.spool.is_open())
+                in.spool.write(data, length);
+            return accept(request.body, data, length);
         });
     }
-    return request;
+    if (!read_all && in.body == incoming::body_state::complete)
+        in.body = incoming::body_state::incomplete;  // shorter than announced, or malformed
 }
 
 void collection_service::impl::record(const received_request& request)
@@ -225,27 +533,30 @@ std::optional<reply> collection_service::impl::run_script(const received_request
 }
 
 // What the real service answers.
-reply collection_service::impl::real_answer(const received_request& request)
+reply collection_service::impl::real_answer(incoming& in)
 {
     reply r;
+    const received_request& request = in.request;
     const std::string& path = request.path;
     const auto ends_with = [&](const std::string& tail) {
         return path.size() >= tail.size() && path.compare(path.size() - tail.size(), tail.size(), tail) == 0;
     };
     if (request.method == "POST" && ends_with("/dtta")) {
         const std::string app_id = request.header("X-Auth-AppID");
-        const std::string type = query_value(request.target, "type");
+        std::string kind = reduced(query_value(request.target, "type"), "");
+        if (kind.empty())
+            kind = "untyped";
         if (app_id != kTestAppId && app_id != kReleaseAppId) {
             r.body = answer("failed", quoted("unknown application id"));
-        } else if (!looks_like_json_object(request.body)) {
+        } else if (in.first != '{' || in.last != '}') {
             r.body = answer("failed", quoted("record is not a JSON object"));
         } else {
             const int n = ++stored;
-            if (options.store_received)
-                write_file(fs::path(data_dir) / "received" /
-                               (std::to_string(n) + "-" + (type.empty() ? "untyped" : type) + ".json"),
-                           request.body);
-            r.body = answer("success", quoted("stored " + type + " record " + std::to_string(n)));
+            const fs::path file = fs::path(data_dir) / "received" / (std::to_string(n) + "-" + kind + ".json");
+            if (options.store_received && !in.spool.keep_as(file))
+                r.body = answer("failed", quoted("cannot store the record"));
+            else
+                r.body = answer("success", quoted("stored " + kind + " record " + std::to_string(n)));
         }
         return r;
     }
@@ -256,12 +567,14 @@ reply collection_service::impl::real_answer(const received_request& request)
             r.body = answer("failed", quoted("no file part"));
             return r;
         }
+        // The name as the client's system shows it, without its folders; the id in front keeps
+        // it from ever being "." or "..".
         const std::string dfs_id = fresh_id();
-        if (options.store_received)
-            write_file(fs::path(data_dir) / "uploads" /
-                           (dfs_id + "-" + fs::path(file->filename).filename().string()),
-                       file->content);
-        r.body = answer("success", R"({"dfs_id":")" + dfs_id + "\"}");
+        const std::string name = reduced(file->filename.substr(file->filename.find_last_of("/\\") + 1), ".");
+        if (options.store_received && !in.spool.keep_as(fs::path(data_dir) / "uploads" / (dfs_id + "-" + name)))
+            r.body = answer("failed", quoted("cannot store the file"));
+        else
+            r.body = answer("success", R"({"dfs_id":")" + dfs_id + "\"}");
         return r;
     }
     r.status = 404;
@@ -343,8 +656,21 @@ void collection_service::impl::respond(const reply& r, httplib::Response& res)
 void collection_service::impl::handle(const httplib::Request& req, httplib::Response& res,
                                       const httplib::ContentReader* reader)
 {
-    const received_request request = read(req, reader);
+    incoming in;
+    read(req, reader, in);
+    const received_request& request = in.request;
     record(request);
+    if (in.body != incoming::body_state::complete) {
+        // Before any script: no answer can be based on a body that is cut or was never read.
+        const bool too_large = in.body == incoming::body_state::too_large;
+        reply refusal;
+        refusal.status = too_large ? 413 : 400;
+        const std::string why = too_large ? "body larger than " + std::to_string(options.max_body_size) + " bytes"
+                                          : "body incomplete";
+        refusal.body = answer("failed", quoted(why));
+        respond(refusal, res);
+        return;
+    }
     const std::optional<reply> scripted = run_script(request);
     if (!scripted && request.method == "GET") {
         const std::string& path = request.path;
@@ -352,7 +678,7 @@ void collection_service::impl::handle(const httplib::Request& req, httplib::Resp
         if (servable && serve_file(fs::path(path.substr(1)), res))
             return;
     }
-    respond(scripted ? *scripted : real_answer(request), res);
+    respond(scripted ? *scripted : real_answer(in), res);
 }
 
 collection_service::collection_service(service_options options) : d_(std::make_unique<impl>())
@@ -393,7 +719,8 @@ bool collection_service::start()
         }
         const bool tls13_only = d.options.tls13_only;
         const bool prompt_ack = d.options.prompt_ack;
-        d.server = std::make_unique<httplib::SSLServer>([=](SSL_CTX& ctx) {
+        const auto deadline = d.options.request_deadline;
+        d.server = std::make_unique<deadline_server<httplib::SSLServer>>(deadline, [=](SSL_CTX& ctx) {
             if (prompt_ack)
                 SSL_CTX_set_msg_callback(&ctx, [](int write_p, int, int content_type, const void*,
                                                   size_t, SSL* ssl, void*) {
@@ -407,15 +734,15 @@ bool collection_service::start()
                    (!tls13_only || SSL_CTX_set_min_proto_version(&ctx, TLS1_3_VERSION) == 1);
         });
     } else {
-        d.server = std::make_unique<httplib::Server>();
+        d.server = std::make_unique<deadline_server<httplib::Server>>(d.options.request_deadline);
     }
     if (!d.server->is_valid()) {
         d.error = "cannot set up TLS with the certificate in " + d.data_dir;
         return false;
     }
     const std::size_t threads = d.options.threads;
-    d.server->new_task_queue = [threads] { return new httplib::ThreadPool(threads); };
-    d.server->set_keep_alive_max_count(1);  // one request per connection, as the library sends
+    d.server->new_task_queue = [threads] { return new growing_pool(threads); };
+    d.server->set_payload_max_length(std::size_t(std::min<std::uint64_t>(d.options.max_body_size, SIZE_MAX)));
     // The packaged cpp-httplib listens with a backlog of 5, and the library opens one connection
     // per request, up to a thousand at once: remember the socket to widen its backlog.
     int listening = -1;
@@ -427,8 +754,10 @@ bool collection_service::start()
     d.server->Get(".*", [&d](const httplib::Request& req, httplib::Response& res) {
         d.handle(req, res, nullptr);
     });
-    d.server->Post(".*", [&d](const httplib::Request& req, httplib::Response& res,
-                              const httplib::ContentReader& reader) { d.handle(req, res, &reader); });
+    // Every body is read through the service, never whole into memory by the server.
+    const auto with_body = [&d](const httplib::Request& req, httplib::Response& res,
+                                const httplib::ContentReader& reader) { d.handle(req, res, &reader); };
+    d.server->Post(".*", with_body).Put(".*", with_body).Patch(".*", with_body).Delete(".*", with_body);
 
     d.port = d.options.port == 0 ? d.server->bind_to_any_port(d.options.host)
                                  : (d.server->bind_to_port(d.options.host, d.options.port)

@@ -64,13 +64,20 @@ struct service_options {
     // Empty: a private temporary directory removed with the service.
     std::string data_dir;
     std::size_t keep_limit = 16u << 20;  // bytes of a body or part kept for inspection
+    // A larger body is answered 413 and stored nowhere; one announced larger is not even read.
+    std::uint64_t max_body_size = 64ull << 20;
+    // The whole request (TLS handshake, head and body) must have arrived within this time after
+    // the service took up its connection; otherwise the connection is closed unanswered.
+    std::chrono::milliseconds request_deadline{30000};
     // Acknowledge every TLS record at once instead of Linux's delayed acknowledgement (40 ms).
     // Qt's client does not disable Nagle and writes a request's head and body as two records, so
     // against a delaying server each HTTPS upload waits 40 ms for the body to leave.
     bool prompt_ack = false;
-    std::size_t threads = 128;  // requests served at once (silent ones hold a thread each)
-    // Keep what the service accepted: records as data_dir/received/<n>-<type>.json, files as
-    // data_dir/uploads/<dfs_id>-<filename>.
+    // Connections served at most at once (silent ones hold one each); threads start as needed.
+    std::size_t threads = 1024;
+    // Keep what the service accepted: records as data_dir/received/<n>-<kind>.json, files as
+    // data_dir/uploads/<dfs_id>-<filename>, written while they arrive. The kind and file name
+    // are reduced to letters, digits, '_', '-' (and '.' in file names).
     bool store_received = false;
 };
 
