@@ -96,12 +96,21 @@ bool secure_request(QNetworkRequest& request, const QString& url, bool seed_rule
     return true;
 }
 
-// Qt reports a connection encrypted before the request is written: a server whose key is not
-// pinned is cut off there, before it sees a byte of the request.
-void check_pinned_key(QNetworkReply* reply)
+// While verifying: a failed verification is reported with the TLS errors' own text, and a
+// server whose key is not pinned is cut off where Qt reports the connection encrypted, which is
+// before the request is written.
+void check_server(QNetworkReply* reply)
 {
     const transport_policy current = current_policy();
-    if (!current.verify || current.pins.isEmpty())
+    if (!current.verify)
+        return;
+    QObject::connect(reply, &QNetworkReply::sslErrors, reply, [reply](const QList<QSslError>& errors) {
+        QStringList texts;
+        for (const QSslError& e : errors)
+            texts << e.errorString();
+        reply->setProperty(kRefusal, QStringLiteral("SSL handshake failed: ") + texts.join(QStringLiteral("; ")));
+    });
+    if (current.pins.isEmpty())
         return;
     QObject::connect(reply, &QNetworkReply::encrypted, reply, [reply, pins = current.pins] {
         const QByteArray key = reply->sslConfiguration().peerCertificate().publicKey().toDer();
@@ -112,7 +121,8 @@ void check_pinned_key(QNetworkReply* reply)
     });
 }
 
-// A reply's error as the sink hears it: a reply the library ended itself reports why.
+// A reply's error as the sink hears it: one the library ended itself, or that failed
+// verification, reports why.
 int reply_error(const QNetworkReply* reply)
 {
     return reply->property(kRefusal).isValid() ? int(QNetworkReply::SslHandshakeFailedError) : int(reply->error());
@@ -353,7 +363,7 @@ void http_connector::send_request(const std::string& path, const QString& body,
     start_timeout(timeout_ms);
     choose_handler("");
     reply_ = manager->post(request_, body.toUtf8());
-    check_pinned_key(reply_);
+    check_server(reply_);
     connect_reply_slots();
     bytes_received_ = 0;
     last_activity_ = processor_seconds();
@@ -494,7 +504,7 @@ int http_connector::send_multipart_request(const QString& path, const QString& f
     delete handler_;
     handler_ = new upload_file_handler(sink_, id_);
     QNetworkReply* reply = manager->post(request, body);
-    check_pinned_key(reply);
+    check_server(reply);
     body->setParent(reply);
     connect(reply, SIGNAL(uploadProgress(qint64, qint64)), this,
             SLOT(update_data_write_progress(qint64, qint64)));
@@ -520,7 +530,7 @@ int http_connector::get_json_file(QString url, int timeout_ms)
     handler_ = new get_url_json_file_handler(sink_, id_);
     request.setUrl(parsed);
     reply_ = manager->get(request);
-    check_pinned_key(reply_);
+    check_server(reply_);
     LOG(INFO) << "manager->post reply_=" << reinterpret_cast<quintptr>(reply_);
     connect_reply_slots();
     start_timeout(timeout_ms);
@@ -546,7 +556,7 @@ void http_connector::download_verified_file(const QString& url, const QString& f
     }
     disconnect(manager, SIGNAL(finished(QNetworkReply*)), this, SLOT(replyFinished(QNetworkReply*)));
     reply_ = manager->get(request);
-    check_pinned_key(reply_);
+    check_server(reply_);
     transfer->watch(reply_);
 }
 
@@ -571,7 +581,7 @@ void http_connector::downloadAppFile(QString url, QString file_path)
     }
     request.setUrl(QUrl(url, QUrl::TolerantMode));
     reply_ = manager->get(request);
-    check_pinned_key(reply_);
+    check_server(reply_);
 
     disconnect(manager, SIGNAL(finished(QNetworkReply*)), this, SLOT(replyFinished(QNetworkReply*)));
     const auto rewire = [this](const char* signal, const char* slot) {

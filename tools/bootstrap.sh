@@ -11,7 +11,7 @@ packages=(
   libcpp-httplib-dev libssl-dev openssl
   libbenchmark-dev libcurl4-openssl-dev curl
   clang libclang-rt-14-dev
-  doxygen
+  doxygen help2man
 )
 
 missing=()

@@ -2,15 +2,21 @@
 // demonstrate against. Stores what it accepted in its data folder and lists it with --list.
 #include "collection_service/collection_service.h"
 
+#include <information_api/information_api_version.h>
+
+#include <QCommandLineParser>
+#include <QCoreApplication>
+#include <QDateTime>
+
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string>
 #include <thread>
 #include <unistd.h>
+#include <vector>
 
 namespace fs = std::filesystem;
 
@@ -19,66 +25,128 @@ namespace {
 volatile std::sig_atomic_t stop_requested = 0;
 void request_stop(int) { stop_requested = 1; }
 
-int usage()
-{
-    std::fprintf(stderr,
-                 "usage: information_devserver [--data-dir DIR] [--host HOST] [--port N] [--http]\n"
-                 "         [--max-body-mb N] [--delay-ms N] [--silent] [--refuse] [--broken] [--reset] | --list\n");
-    return 2;
-}
+const char* const kDescription =
+    "Answers like the collection service: POST .../dtta?type=KIND (records), POST .../up "
+    "(multipart files), GET /software/NAME/interface.json and GET /files/PATH. HTTPS on "
+    "127.0.0.1 with a certificate from its own local authority; prints the URL and writes it to "
+    "DIR/url; one line per request on standard output.\n"
+    "\n"
+    "Data folder DIR:\n"
+    "  ca.pem, cert.pem, key.pem    the local authority, the server's certificate (127.0.0.1,\n"
+    "                               localhost) and its key (0600); made on first start\n"
+    "  received/N-KIND.json         accepted records, N counting up from 1\n"
+    "  uploads/ID-NAME              accepted files, ID the dfs_id answered\n"
+    "  files/PATH                   served as GET /files/PATH (installers)\n"
+    "  software/NAME/interface.json served as GET /software/NAME/interface.json\n"
+    "  url                          the URL it listens on\n"
+    "\n"
+    "Uploading to it with verification (it prints the pin at start):\n"
+    "  information_uploader --url $(cat DIR/url)/dtta --ca-file DIR/ca.pem --pin PIN\n"
+    "\n"
+    "Exit status: 0 stopped by SIGINT or SIGTERM, 1 cannot serve, 2 bad usage.";
 
+// Accepted records and files, oldest first.
 int list(const fs::path& data_dir)
 {
+    std::vector<std::pair<fs::file_time_type, fs::path>> stored;
     for (const char* folder : {"received", "uploads"}) {
         std::error_code ec;
         for (const auto& entry : fs::directory_iterator(data_dir / folder, ec))
-            std::printf("%s/%s (%ju bytes)\n", folder, entry.path().filename().c_str(),
-                        std::uintmax_t(entry.file_size()));
+            stored.emplace_back(entry.last_write_time(), fs::path(folder) / entry.path().filename());
     }
+    std::stable_sort(stored.begin(), stored.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
+    for (const auto& file : stored)
+        std::printf("%s (%ju bytes)\n", file.second.c_str(), std::uintmax_t(fs::file_size(data_dir / file.second)));
     return 0;
+}
+
+void log_answer(const collection::received_request& request, int status)
+{
+    std::printf("%s %s %s -> %d (%ju bytes)\n", qPrintable(QDateTime::currentDateTime().toString(Qt::ISODate)),
+                request.method.c_str(), request.target.c_str(), status, std::uintmax_t(request.body_size));
+    std::fflush(stdout);
 }
 
 }  // namespace
 
 int main(int argc, char** argv)
 {
+    QCoreApplication app(argc, argv);
+    QCoreApplication::setApplicationName("information_devserver");
+    QCoreApplication::setApplicationVersion(INFORMATION_API_VERSION_STRING);
+    QCommandLineParser parser;
+    parser.setApplicationDescription(kDescription);
+    const QCommandLineOption help_option = parser.addHelpOption();
+    const QCommandLineOption version_option = parser.addVersionOption();
+    const QCommandLineOption data_option("data-dir", "Data folder (devserver-data).", "dir", "devserver-data");
+    const QCommandLineOption host_option("host", "Address to listen on (127.0.0.1).", "host", "127.0.0.1");
+    const QCommandLineOption port_option("port", "Port, 1-65535 (default: one the system picks).", "n");
+    const QCommandLineOption http_option("http", "Plain HTTP instead of HTTPS.");
+    const QCommandLineOption body_option("max-body-mb", "Largest body accepted, in MiB (64); larger ones get 413.", "n", "64");
+    const QCommandLineOption list_option("list", "List the accepted records and files in arrival order, then exit.");
+    const QCommandLineOption delay_option("delay-ms", "Answer every request this late.", "ms");
+    const QCommandLineOption silent_option("silent", "Never answer.");
+    const QCommandLineOption refuse_option("refuse", "Refuse every request (\"status\" \"failed\").");
+    const QCommandLineOption broken_option("broken", "Answer with a body that is not JSON.");
+    const QCommandLineOption reset_option("reset", "Reset every connection halfway through the answer.");
+    parser.addOptions({data_option, host_option, port_option, http_option, body_option, list_option, delay_option,
+                       silent_option, refuse_option, broken_option, reset_option});
+    if (!parser.parse(app.arguments())) {
+        std::fprintf(stderr, "information_devserver: %s\n", qPrintable(parser.errorText()));
+        return 2;
+    }
+    if (parser.isSet(help_option))
+        parser.showHelp(0);
+    if (parser.isSet(version_option))
+        parser.showVersion();
+
+    const auto number = [&](const QCommandLineOption& option, qulonglong low, qulonglong high, qulonglong& value) {
+        bool ok = true;
+        if (parser.isSet(option))
+            value = parser.value(option).toULongLong(&ok);
+        if (ok && value >= low && value <= high)
+            return true;
+        std::fprintf(stderr, "information_devserver: --%s takes a number from %llu to %llu\n",
+                     qPrintable(option.names().first()), low, high);
+        return false;
+    };
     collection::service_options options;
-    options.data_dir = "devserver-data";
+    options.data_dir = parser.value(data_option).toStdString();
+    if (parser.isSet(list_option))
+        return list(options.data_dir);
+    qulonglong port = 0, max_body_mb = 64, delay_ms = 0;
+    if ((parser.isSet(port_option) && !number(port_option, 1, 65535, port)) || !number(body_option, 1, 1 << 20, max_body_mb) ||
+        !number(delay_option, 0, 3600000, delay_ms))
+        return 2;
+    options.host = parser.value(host_option).toStdString();
+    options.port = int(port);
+    options.tls = !parser.isSet(http_option);
+    options.max_body_size = max_body_mb << 20;
     options.store_received = true;  // bodies go to disk as they arrive
     options.keep_limit = 4096;       // a long-running server keeps only a glimpse of each in memory
+    options.on_answer = log_answer;
+
     collection::reply misbehaviour;
-    bool misbehave = false, listing = false;
-    for (int i = 1; i < argc; ++i) {
-        const std::string arg = argv[i];
-        const bool has_value = i + 1 < argc;
-        if (arg == "--data-dir" && has_value) options.data_dir = argv[++i];
-        else if (arg == "--host" && has_value) options.host = argv[++i];
-        else if (arg == "--port" && has_value) options.port = std::atoi(argv[++i]);
-        else if (arg == "--http") options.tls = false;
-        else if (arg == "--max-body-mb" && has_value) options.max_body_size = std::strtoull(argv[++i], nullptr, 10) << 20;
-        else if (arg == "--list") listing = true;
-        else if (arg == "--delay-ms" && has_value) misbehaviour.delay = std::chrono::milliseconds(std::atoi(argv[++i]));
-        else if (arg == "--silent") misbehave = misbehaviour.silent = true;
-        else if (arg == "--reset") misbehave = misbehaviour.reset_midway = true;
-        else if (arg == "--refuse") misbehave = true, misbehaviour.body = R"({"status":"failed","result":"refused by --refuse"})";
-        else if (arg == "--broken") misbehave = true, misbehaviour.body = "<html>not JSON</html>";
-        else return usage();
-    }
-    if (listing)
-        return list(options.data_dir);
+    misbehaviour.delay = std::chrono::milliseconds(delay_ms);
+    misbehaviour.silent = parser.isSet(silent_option);
+    misbehaviour.reset_midway = parser.isSet(reset_option);
+    if (parser.isSet(refuse_option))
+        misbehaviour.body = R"({"status":"failed","result":"refused by --refuse"})";
+    else if (parser.isSet(broken_option))
+        misbehaviour.body = "<html>not JSON</html>";
+    const bool misbehave = misbehaviour.silent || misbehaviour.reset_midway || !misbehaviour.body.empty();
 
     collection::collection_service service(options);
-    if (misbehaviour.delay.count() > 0 && !misbehave) {
-        // Delayed, but otherwise the real answers: the script only waits.
-        const auto delay = misbehaviour.delay;
-        service.set_script([delay](const collection::received_request&) -> std::optional<collection::reply> {
-            std::this_thread::sleep_for(delay);
-            return std::nullopt;
-        });
-    } else if (misbehave) {
+    if (misbehave) {
         if (misbehaviour.body.empty())
             misbehaviour.body = R"({"status":"success","result":"ok"})";
         service.answer_all(misbehaviour);
+    } else if (delay_ms > 0) {
+        // Delayed, but otherwise the real answers: the script only waits.
+        service.set_script([delay = misbehaviour.delay](const collection::received_request&) {
+            std::this_thread::sleep_for(delay);
+            return std::optional<collection::reply>();
+        });
     }
     if (!service.start()) {
         std::fprintf(stderr, "information_devserver: %s\n", service.error().c_str());
@@ -86,6 +154,9 @@ int main(int argc, char** argv)
     }
     std::ofstream(fs::path(service.data_dir()) / "url") << service.base_url() << "\n";
     std::printf("listening on %s\n", service.base_url().c_str());
+    if (options.tls)
+        std::printf("trust %s/ca.pem; public-key pin %s\n", fs::absolute(service.data_dir()).c_str(),
+                    service.public_key_pin().c_str());
     std::fflush(stdout);
 
     std::signal(SIGINT, request_stop);

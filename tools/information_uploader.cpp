@@ -3,6 +3,7 @@
 // confirmed it, so an interrupted run or a dead service never loses a record: the next run
 // sends what is left.
 #include <information_api/information_api.h>
+#include <information_api/information_api_version.h>
 #include <information_api/transport_security.h>
 
 #include <QCommandLineParser>
@@ -273,6 +274,7 @@ bool parse(const QCoreApplication& app, options& opts, QString& dir)
         "(or records cannot be removed from ./veltrainfo/), 2 bad usage, 3 uploading disabled, "
         "4 another uploader works on the folder.");
     parser.addHelpOption();
+    parser.addVersionOption();
     const QCommandLineOption dir_option({"d", "dir"}, "Directory holding ./veltrainfo/ and ./res/.", "dir");
     const QCommandLineOption url_option("url", "Service URL instead of the configured one.", "url");
     const QCommandLineOption timeout_option("timeout", "Time-out per record in ms (10000).", "ms");
@@ -292,6 +294,8 @@ bool parse(const QCoreApplication& app, options& opts, QString& dir)
     }
     if (parser.isSet("help"))
         parser.showHelp(0);
+    if (parser.isSet("version"))
+        parser.showVersion();
     bool ok = true;
     if (parser.isSet(timeout_option))
         opts.timeout_ms = parser.value(timeout_option).toInt(&ok);
@@ -326,6 +330,7 @@ int main(int argc, char** argv)
     QCoreApplication app(argc, argv);
     // The manager starts no usage period for this application name.
     QCoreApplication::setApplicationName("information_uploader");
+    QCoreApplication::setApplicationVersion(INFORMATION_API_VERSION_STRING);
     app.setProperty("start_time", QDateTime::currentDateTime());
 
     options opts;

@@ -19,6 +19,24 @@ CTEST_ARGS=()
 run_suite build
 echo "== API reference (Doxygen: one warning fails it) =="
 cmake --build build --target docs
+echo "== Debian packages =="
+(cd build && rm -f ./*.deb && cpack -G DEB >/dev/null)
+check_package() {  # package name, the dependency it must declare, files it must hold below /usr
+  local deb; deb=$(ls build/"$1"_*.deb)
+  dpkg-deb -f "$deb" Depends | grep -q "$2" || { echo "$deb does not depend on $2"; exit 1; }
+  local files; files=$(dpkg-deb -c "$deb")
+  for path in "${@:3}"; do
+    grep -qE " \./usr/$path( |$)" <<<"$files" || { echo "$deb lacks /usr/$path"; exit 1; }
+  done
+  echo "$(basename "$deb"): $(grep -c '^-' <<<"$files") files, depends on $(dpkg-deb -f "$deb" Depends)"
+}
+check_package libinformation-api1 libqt5network5 lib/libinformation_api.so.1
+check_package libinformation-api-dev libinformation-api1 lib/libinformation_api.so \
+  include/information_api/information_api.h include/information_api/transport_security.h \
+  include/information_api/information_api_version.h lib/pkgconfig/information_api.pc \
+  lib/cmake/information_api/information_apiConfig.cmake
+check_package information-api-tools libinformation-api1 bin/information_uploader bin/information_devserver \
+  share/man/man1/information_uploader.1 share/man/man1/information_devserver.1
 echo "== tests under AddressSanitizer + UndefinedBehaviorSanitizer =="
 CTEST_ARGS=(-LE package)  # the package test builds a host without the sanitizer runtime
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \

@@ -49,46 +49,84 @@ bool same_name(const std::string& a, const std::string& b)
            });
 }
 
-// A self-signed P-256 certificate for 127.0.0.1 and localhost, valid ten years.
-bool create_certificate(const std::string& cert_path, const std::string& key_path)
+// A certificate for `key`, named `common_name`, valid ten years, signed by `issuer_key` as
+// `issuer` (by the key itself when there is no issuer): a local authority, or a server
+// certificate for 127.0.0.1 and localhost.
+X509* issue_certificate(EVP_PKEY* key, const char* common_name, X509* issuer, EVP_PKEY* issuer_key,
+                        bool authority)
+{
+    X509* cert = X509_new();
+    if (!cert)
+        return nullptr;
+    X509_set_version(cert, 2);
+    ASN1_INTEGER_set(X509_get_serialNumber(cert), long(std::random_device{}() & 0x7fffffff));
+    X509_gmtime_adj(X509_getm_notBefore(cert), -3600);
+    X509_gmtime_adj(X509_getm_notAfter(cert), 10L * 365 * 24 * 3600);
+    X509_set_pubkey(cert, key);
+    X509_NAME_add_entry_by_txt(X509_get_subject_name(cert), "CN", MBSTRING_ASC,
+                               reinterpret_cast<const unsigned char*>(common_name), -1, -1, 0);
+    X509_set_issuer_name(cert, X509_get_subject_name(issuer ? issuer : cert));
+    X509V3_CTX ctx;
+    X509V3_set_ctx_nodb(&ctx);
+    X509V3_set_ctx(&ctx, issuer ? issuer : cert, cert, nullptr, nullptr, 0);
+    bool ok = true;
+    const auto extend = [&](int nid, const char* value) {
+        X509_EXTENSION* extension = X509V3_EXT_conf_nid(nullptr, &ctx, nid, value);
+        ok = ok && extension && X509_add_ext(cert, extension, -1);
+        X509_EXTENSION_free(extension);
+    };
+    if (authority) {
+        extend(NID_basic_constraints, "critical,CA:TRUE");
+        extend(NID_key_usage, "critical,keyCertSign,cRLSign");
+    } else {
+        extend(NID_subject_alt_name, "IP:127.0.0.1,DNS:localhost");
+    }
+    if (!ok || !X509_sign(cert, issuer_key, EVP_sha256())) {
+        X509_free(cert);
+        return nullptr;
+    }
+    return cert;
+}
+
+bool write_certificate(const std::string& path, X509* cert)
+{
+    FILE* file = std::fopen(path.c_str(), "w");
+    const bool ok = file && PEM_write_X509(file, cert);
+    if (file)
+        std::fclose(file);
+    return ok;
+}
+
+// P-256 keys. The server's certificate comes from a local authority whose certificate is written
+// as ca.pem (its key is thrown away) for clients to trust, or is self-signed.
+bool create_certificates(const std::string& dir, bool self_signed)
 {
     EVP_PKEY* key = EVP_EC_gen("P-256");
-    X509* cert = X509_new();
-    bool ok = key && cert;
-    if (ok) {
-        X509_set_version(cert, 2);
-        ASN1_INTEGER_set(X509_get_serialNumber(cert), long(std::random_device{}() & 0x7fffffff));
-        X509_gmtime_adj(X509_getm_notBefore(cert), -3600);
-        X509_gmtime_adj(X509_getm_notAfter(cert), 10L * 365 * 24 * 3600);
-        X509_set_pubkey(cert, key);
-        X509_NAME* name = X509_get_subject_name(cert);
-        X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC,
-                                   reinterpret_cast<const unsigned char*>("127.0.0.1"), -1, -1, 0);
-        X509_set_issuer_name(cert, name);
-        X509V3_CTX ctx;
-        X509V3_set_ctx_nodb(&ctx);
-        X509V3_set_ctx(&ctx, cert, cert, nullptr, nullptr, 0);
-        X509_EXTENSION* san = X509V3_EXT_conf_nid(nullptr, &ctx, NID_subject_alt_name,
-                                                  "IP:127.0.0.1,DNS:localhost");
-        ok = san && X509_add_ext(cert, san, -1) && X509_sign(cert, key, EVP_sha256());
-        X509_EXTENSION_free(san);
-    }
+    EVP_PKEY* authority_key = self_signed ? nullptr : EVP_EC_gen("P-256");
+    X509* authority = self_signed || !authority_key
+                          ? nullptr
+                          : issue_certificate(authority_key, "information_api local authority", nullptr,
+                                              authority_key, true);
+    X509* cert = !key || (!self_signed && !authority)
+                     ? nullptr
+                     : issue_certificate(key, "127.0.0.1", authority, self_signed ? key : authority_key, false);
+    bool ok = cert && (self_signed || write_certificate(dir + "/ca.pem", authority)) &&
+              write_certificate(dir + "/cert.pem", cert);
     if (ok) {
         // The key is private from its first byte on: created 0600, never readable by others.
+        const std::string key_path = dir + "/key.pem";
         std::remove(key_path.c_str());
         const int key_fd = ::open(key_path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
         FILE* k = key_fd >= 0 ? ::fdopen(key_fd, "w") : nullptr;
         if (key_fd >= 0 && !k)
             ::close(key_fd);
-        FILE* c = std::fopen(cert_path.c_str(), "w");
-        ok = c && k && PEM_write_X509(c, cert) &&
-             PEM_write_PrivateKey(k, key, nullptr, nullptr, 0, nullptr, nullptr);
-        if (c)
-            std::fclose(c);
+        ok = k && PEM_write_PrivateKey(k, key, nullptr, nullptr, 0, nullptr, nullptr);
         if (k)
             std::fclose(k);
     }
     X509_free(cert);
+    X509_free(authority);
+    EVP_PKEY_free(authority_key);
     EVP_PKEY_free(key);
     return ok;
 }
@@ -448,6 +486,7 @@ struct collection_service::impl {
     void respond(const reply& r, httplib::Response& res);
     void handle(const httplib::Request& req, httplib::Response& res,
                 const httplib::ContentReader* reader);
+    void answer_request(incoming& in, httplib::Response& res);
 };
 
 void collection_service::impl::read(const httplib::Request& req, const httplib::ContentReader* reader,
@@ -658,8 +697,15 @@ void collection_service::impl::handle(const httplib::Request& req, httplib::Resp
 {
     incoming in;
     read(req, reader, in);
+    record(in.request);
+    answer_request(in, res);
+    if (options.on_answer)
+        options.on_answer(in.request, res.status);
+}
+
+void collection_service::impl::answer_request(incoming& in, httplib::Response& res)
+{
     const received_request& request = in.request;
-    record(request);
     if (in.body != incoming::body_state::complete) {
         // Before any script: no answer can be based on a body that is cut or was never read.
         const bool too_large = in.body == incoming::body_state::too_large;
@@ -713,7 +759,9 @@ bool collection_service::start()
     if (d.options.tls) {
         const std::string cert = d.data_dir + "/cert.pem";
         const std::string key = d.data_dir + "/key.pem";
-        if ((!fs::exists(cert) || !fs::exists(key)) && !create_certificate(cert, key)) {
+        const bool self_signed = d.options.self_signed;
+        if ((!fs::exists(cert) || !fs::exists(key) || (!self_signed && !fs::exists(d.data_dir + "/ca.pem"))) &&
+            !create_certificates(d.data_dir, self_signed)) {
             d.error = "cannot create a certificate in " + d.data_dir;
             return false;
         }
@@ -791,6 +839,23 @@ void collection_service::stop()
         d.server->stop();
     if (d.listener.joinable())
         d.listener.join();
+}
+
+std::string collection_service::public_key_pin() const
+{
+    std::string pin;
+    FILE* file = std::fopen((d_->data_dir + "/cert.pem").c_str(), "r");
+    X509* cert = file ? PEM_read_X509(file, nullptr, nullptr, nullptr) : nullptr;
+    unsigned char* der = nullptr;
+    const int length = cert ? i2d_PUBKEY(X509_get0_pubkey(cert), &der) : -1;
+    unsigned char digest[32], text[64];
+    if (length > 0 && EVP_Digest(der, std::size_t(length), digest, nullptr, EVP_sha256(), nullptr))
+        pin.assign(reinterpret_cast<char*>(text), std::size_t(EVP_EncodeBlock(text, digest, sizeof digest)));
+    OPENSSL_free(der);
+    X509_free(cert);
+    if (file)
+        std::fclose(file);
+    return pin;
 }
 
 const std::string& collection_service::error() const { return d_->error; }

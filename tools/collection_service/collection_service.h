@@ -55,11 +55,14 @@ struct reply {
 };
 
 struct service_options {
-    bool tls = true;          // HTTPS with a self-signed certificate; false: plain HTTP
+    bool tls = true;          // HTTPS; false: plain HTTP
     bool tls13_only = false;  // refuse every protocol below TLS 1.3 (a TLS 1.2 client fails)
+    // The server's certificate names 127.0.0.1 and localhost. It comes from a local authority
+    // whose certificate is data_dir/ca.pem, for clients to trust; or it is self-signed.
+    bool self_signed = false;
     std::string host = "127.0.0.1";
     int port = 0;             // 0: the system picks one
-    // Holds cert.pem and key.pem (created on first start, reused after) and the files served:
+    // Holds cert.pem, key.pem and ca.pem (created on first start, reused after) and the files served:
     // data_dir/software/<name>/interface.json and data_dir/files/<path> (installers).
     // Empty: a private temporary directory removed with the service.
     std::string data_dir;
@@ -79,6 +82,8 @@ struct service_options {
     // data_dir/uploads/<dfs_id>-<filename>, written while they arrive. The kind and file name
     // are reduced to letters, digits, '_', '-' (and '.' in file names).
     bool store_received = false;
+    // Called once a request has been answered, with the status sent (from a serving thread).
+    std::function<void(const received_request&, int status)> on_answer;
 };
 
 class collection_service {
@@ -97,6 +102,8 @@ public:
     int port() const;
     std::string base_url() const;      // "https://127.0.0.1:<port>" (http:// without TLS)
     const std::string& data_dir() const;
+    // The SHA-256 of the server's public key (SubjectPublicKeyInfo), base64: what a client pins.
+    std::string public_key_pin() const;
 
     void set_script(script s);           // replaces the previous script; empty: real behaviour
     void answer_all(const reply& r);     // every request gets r
