@@ -71,7 +71,8 @@ int main(int argc, char** argv)
     parser.setApplicationDescription("Records one run's usage and one record of every other kind in "
                                      "./veltrainfo/, then lists the records and prints the usage record.");
     parser.addHelpOption();
-    parser.addPositionalArgument("dir", "Working directory to record in (default: the current one).", "[dir]");
+    parser.addPositionalArgument("dir", "Working directory to record in (default: the current one).",
+                                 "[dir]");
     parser.process(app);  // --help, or an unknown option: prints and exits
     const QStringList positional = parser.positionalArguments();
     if (positional.size() > 1)
