@@ -7,6 +7,8 @@
 
 #include <QDateTime>
 #include <QDir>
+#include <QFile>
+#include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QSettings>
@@ -14,6 +16,7 @@
 #include <QVariantMap>
 #include <QtGlobal>
 #include <QTemporaryDir>
+#include <QTest>
 
 #include <mutex>
 #include <string>
@@ -119,6 +122,14 @@ inline record_file read_record(const QString& path)
 {
     QSettings file(path, QSettings::IniFormat);
     return {file.value("data").toByteArray(), file.value("type").toString()};
+}
+
+// Writes `bytes` to `path`, creating its folders.
+inline void write_file(const QString& path, const QByteArray& bytes)
+{
+    QDir().mkpath(QFileInfo(path).path());
+    QFile file(path);
+    QVERIFY(file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size());
 }
 
 // Writes an INI settings file (e.g. res/system.ini) holding `values` at top level.

@@ -28,14 +28,6 @@ QByteArray every_byte_value()
     return bytes;
 }
 
-void write_file(const QString& path, const QByteArray& bytes)
-{
-    QDir().mkpath(QFileInfo(path).path());
-    QFile file(path);
-    QVERIFY(file.open(QIODevice::WriteOnly));
-    file.write(bytes);
-}
-
 QByteArray read_file(const QString& path)
 {
     QFile file(path);

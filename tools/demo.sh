@@ -10,6 +10,7 @@ bash tools/bootstrap.sh
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build build --target example_host information_uploader information_devserver
 bin=$PWD/build/tools
+examples=$PWD/build/examples
 demo=$PWD/build/demo
 rm -rf "$demo" && mkdir -p "$demo/res"
 
@@ -31,7 +32,7 @@ printf '[General]\nupload_url=%s/dtta\n' "$url" >"$demo/url_config.ini"
 
 echo
 echo "== recording one of every kind (example_host) =="
-"$bin/example_host" "$demo" 2>/dev/null
+"$examples/example_host" "$demo" 2>/dev/null
 
 echo
 echo "== uploading the due records (information_uploader) =="

@@ -2,6 +2,7 @@
 // of every other kind, and prints what the library wrote into ./veltrainfo/.
 #include <information_api/information_api.h>
 
+#include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
@@ -66,8 +67,19 @@ int main(int argc, char** argv)
 {
     QCoreApplication app(argc, argv);
     app.setApplicationName("example_host");
-    if (argc > 1 && !QDir::setCurrent(argv[1])) {
-        std::fprintf(stderr, "example_host: cannot enter %s\n", argv[1]);
+    QCommandLineParser parser;
+    parser.setApplicationDescription("Records one run's usage and one record of every other kind in "
+                                     "./veltrainfo/, then lists the records and prints the usage record.");
+    parser.addHelpOption();
+    parser.addPositionalArgument("dir", "Working directory to record in (default: the current one).",
+                                 "[dir]");
+    parser.process(app);  // --help, or an unknown option: prints and exits
+    const QStringList positional = parser.positionalArguments();
+    if (positional.size() > 1)
+        parser.showHelp(2);
+    // Before information_init(): the records and ./res/system.ini follow the working directory.
+    if (!positional.isEmpty() && !QDir::setCurrent(positional.first())) {
+        std::fprintf(stderr, "example_host: cannot enter %s\n", qPrintable(positional.first()));
         return 2;
     }
 
