@@ -39,12 +39,12 @@ struct run_result {
     QString err;
 };
 
-run_result run_uploader(const QString& url, const QStringList& extra = {}, bool as_nobody = false)
+run_result run_uploader(const QString& url, const QStringList& extra = {}, bool bound_by_permissions = false)
 {
     QStringList args = QStringList{"--dir", QDir::currentPath(), "--url", url, "--timeout", "3000"} + extra;
     QString program = UPLOADER_PATH;
-    if (as_nobody) {
-        args = QStringList{"--reuid=65534", "--regid=65534", "--clear-groups", program} + args;
+    if (bound_by_permissions) {  // root without the capabilities that override file permissions
+        args = QStringList{"--bounding-set=-dac_override,-fowner", program} + args;
         program = "setpriv";
     }
     QProcess uploader;
@@ -136,13 +136,13 @@ void tst_uploader::one_run()
     QLockFile other_run("veltrainfo/.information_uploader.lock");
     if (condition == locked)
         QVERIFY(other_run.lock());
-    // Permissions do not bind root: as root, the uploader runs as nobody.
+    // Permissions do not bind root: as root, the uploader runs without the capabilities that
+    // override them.
     const bool unwritable = condition == read_only || condition == turns_read_only;
-    const bool as_nobody = unwritable && geteuid() == 0;
-    if (unwritable)
-        QVERIFY(chmod(".", 0755) == 0 && chmod("veltrainfo", condition == read_only ? 0555 : 0777) == 0);
-
-    const run_result run = run_uploader(url, condition == forced ? QStringList{"--force"} : QStringList{}, as_nobody);
+    if (condition == read_only)
+        QVERIFY(chmod("veltrainfo", 0555) == 0);
+    const run_result run = run_uploader(url, condition == forced ? QStringList{"--force"} : QStringList{},
+                                        unwritable && geteuid() == 0);
     chmod("veltrainfo", 0755);
     QCOMPARE(run.exit_code, exit_code);
     QVERIFY2(run.err.contains(err), qPrintable(run.err));
