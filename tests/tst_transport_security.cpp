@@ -178,11 +178,12 @@ void tst_transport_security::verified_download()
         QVERIFY(file.open(QIODevice::WriteOnly) && file.write(served) == served.size());
     }
     const auto plain = service_for(server::plain_http);
-    service->set_script([&](const collection::received_request&) -> std::optional<reply> {
+    const std::string insecure = plain->base_url() + "/files/app.exe";
+    service->set_script([served, insecure](const collection::received_request&) -> std::optional<reply> {
         reply r;
         r.silent = served == "<silent>";
         r.status = 302;
-        r.headers = {{"Location", plain->base_url() + "/files/app.exe"}};
+        r.headers = {{"Location", insecure}};
         return served.startsWith('<') ? std::optional<reply>(r) : std::nullopt;
     });
     QFile previous("app.exe"), leftover("app.temp");
