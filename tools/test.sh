@@ -44,18 +44,18 @@ ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:ha
 echo "== threaded tests under ThreadSanitizer =="
 CTEST_ARGS=(-L threaded)
 TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$PWD/tests/tsan.supp" \
-  run_suite build-tsan -DINFORMATION_API_SANITIZERS=thread -DINFORMATION_API_BUILD_TOOLS=OFF
+  run_suite build-tsan -DINFORMATION_API_SANITIZERS=thread -DINFORMATION_API_BUILD_TOOLS=OFF -DINFORMATION_API_BUILD_EXAMPLES=OFF
 echo "== fuzzing the response handlers and record reading (libFuzzer, 30 s each) =="
 cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++ \
   -DINFORMATION_API_SANITIZERS=address,undefined -DINFORMATION_API_BUILD_FUZZERS=ON \
-  -DINFORMATION_API_BUILD_TESTS=OFF -DINFORMATION_API_BUILD_TOOLS=OFF >/dev/null
+  -DINFORMATION_API_BUILD_TESTS=OFF -DINFORMATION_API_BUILD_TOOLS=OFF -DINFORMATION_API_BUILD_EXAMPLES=OFF >/dev/null
 cmake --build build-fuzz
 for target in handlers scan_info; do
   corpus=$(mktemp -d)  # the fuzzer adds what it finds; the seed corpus in the tree stays as it is
   cp tests/fuzz/corpus/$target/* "$corpus/"
   log=build-fuzz/fuzz_$target.log
   dict=()
-  [ -f tests/fuzz/$target.dict ] && dict=(-dict=tests/fuzz/$target.dict)
+  [ -f tests/fuzz/$target.dict ] && dict=(-dict="$PWD/tests/fuzz/$target.dict")
   if ! QT_QPA_PLATFORM=offscreen build-fuzz/tests/fuzz/fuzz_$target -max_total_time=30 "${dict[@]}" \
       -rss_limit_mb=2048 -artifact_prefix="$PWD/tests/fuzz/crashes/" "$corpus" >"$log" 2>&1; then
     tail -n 60 "$log"
