@@ -161,8 +161,9 @@ public:
     {
         connect(reply, &QNetworkReply::readyRead, this, [this, reply] { take(reply); });
         connect(reply, &QNetworkReply::downloadProgress, this, [this](qint64 received, qint64 total) {
-            if (!done_)
-                idle_.start();
+            if (done_)
+                return;  // the end has been reported: nothing follows it
+            idle_.start();
             report_download_progress(sink_, id_, received, total);
         });
         connect(reply, &QNetworkReply::finished, this, [this, reply] { end(reply); });
