@@ -12,244 +12,190 @@
 using information_api::KrMacosInfo;
 using namespace fake_apple;
 using namespace std::string_literals;
-
-Q_DECLARE_METATYPE(fake_apple::machine)
+using probe = QVariantMap (*)();
+Q_DECLARE_METATYPE(machine)
+Q_DECLARE_METATYPE(probe)
 
 namespace {
+
+const probe screenInfo = KrMacosInfo::getScreenResolutionInfo, systemInfo = KrMacosInfo::getSystemVersionInfo,
+            languageInfo = KrMacosInfo::getSystemLanguageInfo, cpuInfo = KrMacosInfo::getCpuModelInfo,
+            memoryInfo = KrMacosInfo::getMemoryInfo, gpuInfo = KrMacosInfo::getGpuInfo;
+const double kGiB = 1024.0 * 1024 * 1024;
 
 // A value's text with the type of every part, so that 2 and 2.0 differ (QVariant's == converts).
 QString typed(const QVariant& v)
 {
-    QStringList parts;
-    for (const auto& [key, value] : v.toMap().toStdMap())
-        parts << key + ": " + typed(value);
-    for (const QVariant& value : v.toList())
-        parts << typed(value);
-    return v.type() == QVariant::Map    ? "{" + parts.join(", ") + "}"
-           : v.type() == QVariant::List ? "[" + parts.join(", ") + "]"
-                                        : QString("%1 %2").arg(v.typeName(), v.toString());
+    QString text;
+    QDebug(&text) << qSetRealNumberPrecision(17) << v;
+    return text;
 }
 
-QVariantMap screen(const char* name, const char* pixels, const char* geometry, double logicalDpi, double physicalDpi)
+void row(const char* name, probe run, const machine& m, const QVariantMap& expected)
 {
-    return {{"name", name}, {"resolution", pixels}, {"availableGeometry", geometry}, {"logicalDpi", logicalDpi},
-            {"physicalDpi", physicalDpi}};
+    QTest::newRow(name) << run << m << expected;
 }
 
-// A display as fake_apple::display describes one by default: 1920 x 1080 pixels and points, 600 x 340 mm.
-QVariantMap hd(const char* name, const char* geometry = "1920 x 1080 (0,0)")
+// One display's map, by default that of a fake_apple::display: 1920 x 1080 pixels and points, 600 x 340 mm.
+QVariantMap screen(const QString& name, const char* geometry = "1920 x 1080 (0,0)", double logicalDpi = 72,
+                   double physicalDpi = (1920 * 25.4 / 600 + 1080 * 25.4 / 340) * 0.5,
+                   const char* pixels = "1920 x 1080")
 {
-    return screen(name, "1920 x 1080", geometry, 72.0, (1920 * 25.4 / 600 + 1080 * 25.4 / 340) * 0.5);
+    return {{"name", name}, {"resolution", pixels}, {"availableGeometry", geometry},
+            {"logicalDpi", logicalDpi}, {"physicalDpi", physicalDpi}};
 }
 
-QVariantMap screen_info(const QVariantList& screens, const char* primary = nullptr)
+QVariantMap screens(const QVariantList& list, const char* primary = nullptr)
 {
-    QVariantMap info{{"size", screens.size()}, {"screens", screens}};
+    QVariantMap info{{"size", list.size()}, {"screens", list}};
     if (primary)
         info.insert("primaryScreenName", primary);
     return info;
 }
 
-QVariantMap gpu_info(const QVariantList& gpus) { return {{"gpuCount", gpus.size()}, {"gpus", gpus}}; }
-
-registry_entry pci(const char* model, property classCode, std::map<std::string, property> more = {})
+registry_entry pci(const char* model, value classCode, values more = {})
 {
-    more.insert({{"model", QByteArray(model) + '\0'}, {"class-code", classCode}});
+    more.insert({{"model", model + "\0"s}, {"class-code", classCode}});
     return {{"IOPCIDevice"}, more};
 }
-
-const double kGiB = 1024.0 * 1024 * 1024;
 
 }  // namespace
 
 class tst_macos_info : public QObject {
     Q_OBJECT
 
-    static void columns()
+private slots:
+    void init() { install(machine()); }
+    // Every row gives back all it was handed; the fake throws at once at any other misuse.
+    void cleanup() { QVERIFY2(leaks().isEmpty(), qPrintable(leaks().join('\n'))); }
+
+    void probes_data()
     {
+        QTest::addColumn<probe>("run");
         QTest::addColumn<machine>("mac");
         QTest::addColumn<QVariantMap>("expected");
+
+        machine m;
+        m.displays = {{1, "LG"}, {2, "Studio Display", true}};
+        m.listFailsOnSecondCall = true;
+        row("screen: the list fails after the count", screenInfo, m, screens({}));
+        // The four unnamed displays lack in turn each step on the way to a product name; the main one is
+        // not listed first; the last is unplugged between the count and the list.
+        m = machine();
+        m.displays = {{4, "iPad", false, named, {{-1279.6, -0.5}, {1279.6, 720.4}}, 1920, 1080, {600, 340},
+                       {{1920, 0}}},
+                      {69733378, "", true, no_port}, {7, "", false, no_info}, {8, "", false, no_name_key},
+                      {9, ""}, {3, "Sidecar", false, named, {{-2.5, 2.5}, {1366.5, -0.5}}},
+                      {1, "Built-in", false, named, {{0, 0}, {1440, 900}}, 2880, 1800, {330, 206},
+                       {{1440, 2880}}},
+                      {5, "Projector", false, named, {{0, 0}, {1920, 1080}}, 1920, 1080, {600, 0}, {}},
+                      {6, "Wall", false, named, {{0, 0}, {1920, 1080}}, 1920, 1080, {0, 340}, {{0, 1920}}},
+                      {2, "LG", true}};
+        m.unpluggedBeforeSecondCall = 1;
+        row("screen: no names, halves rounded up, Retina, no mode or a zero in it, a zero dimension",
+            screenInfo, m,
+            screens({screen("iPad", "1280 x 720 (-1280,0)"), screen("Display 69733378"), screen("Display 7"),
+                     screen("Display 8"), screen("Display 9"), screen("Sidecar", "1367 x 0 (-2,3)"),
+                     screen("Built-in", "1440 x 900 (0,0)", 144,
+                            (2880 * 25.4 / 330 + 1800 * 25.4 / 206) * 0.5, "2880 x 1800"),
+                     screen("Projector", "1920 x 1080 (0,0)", 72, 0),
+                     screen("Wall", "1920 x 1080 (0,0)", 72, 0)},
+                    "Display 69733378"));
+
+        m = machine();
+        m.sysctls = {{"kern.osproductversion", " 14.2.1\n"}, {"kern.osrelease", "23.2.0"}};
+        row("system: product version, trimmed", systemInfo, m,
+            {{"systemName", "macOS"}, {"productVersion", "14.2.1"}});
+        m.sysctls["kern.osproductversion"] = " ";
+        row("system: product version blank", systemInfo, m,
+            {{"systemName", "macOS"}, {"productVersion", "23.2.0"}});
+
+        m.preferredLanguages = {{"zh-Hans-CN", "en-GB"}};
+        row("language: the first, dashes replaced", languageInfo, m, {{"languageCode", "zh_Hans_CN"}});
+        m.preferredLanguages->clear();
+        row("language: an empty list", languageInfo, m, {{"languageCode", QLocale::system().name()}});
+        m.preferredLanguages.reset();
+        row("language: no list", languageInfo, m, {{"languageCode", QLocale::system().name()}});
+
+        m.sysctls = {{"machdep.cpu.brand_string", ""}, {"hw.optional.arm64", 1}, {"hw.physicalcpu", 8},
+                     {"hw.logicalcpu", 8}, {"hw.model", "Mac14,2"}};
+        row("cpu: Arm, empty brand, no frequency", cpuInfo, m,
+            {{"name", "Apple Silicon"}, {"manufacturer", "Apple"}, {"cores", 8}, {"threads", 8}});
+        m.sysctls["machdep.cpu.brand_string"] = "Virtual CPU";
+        row("cpu: Arm, a brand naming neither maker", cpuInfo, m,
+            {{"name", "Virtual CPU"}, {"manufacturer", "Apple"}, {"cores", 8}, {"threads", 8}});
+        m.sysctls = {{"machdep.cpu.brand_string", "Apple M2 Pro"}, {"hw.physicalcpu", 0},
+                     {"hw.logicalcpu", 0}};
+        row("cpu: Apple brand, no cores", cpuInfo, m, {{"name", "Apple M2 Pro"}, {"manufacturer", "Apple"}});
+        m.sysctls = {{"machdep.cpu.brand_string", "Intel(R) Core(TM) i9-9880H"}, {"hw.physicalcpu", 8},
+                     {"hw.logicalcpu", 16}, {"hw.cpufrequency_max", uint64_t(2400000000)},
+                     {"hw.cpufrequency", uint64_t(2300000000)}};
+        row("cpu: Intel, maximum frequency", cpuInfo, m,
+            {{"name", "Intel(R) Core(TM) i9-9880H"}, {"manufacturer", "Intel"}, {"cores", 8}, {"threads", 16},
+             {"maxClockSpeedMHz", quint64(2400)}});
+        m.sysctls = {{"machdep.cpu.brand_string", "genuine intel"}, {"hw.cpufrequency", uint64_t(999999)}};
+        row("cpu: lower-case intel, under 1 MHz", cpuInfo, m,
+            {{"name", "genuine intel"}, {"manufacturer", "Intel"}, {"maxClockSpeedMHz", quint64(0)}});
+        m.sysctls = {{"hw.optional.arm64", 0}, {"hw.model", "MacPro7,1"},
+                     {"hw.cpufrequency", uint64_t(3199999999)}};
+        row("cpu: neither maker, model name, MHz truncated", cpuInfo, m,
+            {{"name", "MacPro7,1"}, {"maxClockSpeedMHz", quint64(3199)}});
+        row("cpu: nothing readable", cpuInfo, machine(), {});
+
+        m.sysctls = {{"hw.memsize", (uint64_t(24) << 30) + 1}};
+        m.freeAndInactivePages = {{0xFFFFFFFF, 0xFFFFFFFF}};  // their sum needs 33 bits
+        row("memory: unrounded, 64-bit page arithmetic", memoryInfo, m,
+            {{"totalMemoryGB", 24 + 1 / kGiB}, {"freeMemoryGB", 2.0 * 0xFFFFFFFF * 16384 / kGiB}});
+        m.freeAndInactivePages.reset();
+        row("memory: the statistics fail", memoryInfo, m, {{"totalMemoryGB", 24 + 1 / kGiB}});
+        m = machine();
+        m.pageSize = 0;
+        m.freeAndInactivePages = {{1, 1}};
+        row("memory: the page size fails, no memsize", memoryInfo, m, {});
+
+        // An iMac's card, whose accelerator reports the same model; class codes as a number, as data,
+        // little-endian, of a 3D controller, of a network card, none; Apple silicon, whose accelerator
+        // finds VRAM and driver on its parent, twice; IOGPU names from the fallbacks, VRAM in bytes.
+        const registry_entry agx{{"AGXAcceleratorG14X", "IOGPU"}, {{"model", "Apple M2 Pro"}}, 7};
+        m.registry = {pci("AMD Radeon Pro 5700", "\0\3\0\0"s,
+                          {{"VRAM,totalMB", 8192}, {"driver-version", "4.6.1"}}),
+                      {{"AMDRadeonX6000", "IOGPU"}, {{"model", "AMD Radeon Pro 5700"}}, 0},
+                      pci("Intel UHD Graphics 630", 0x030000, {{"VRAM,totalsize", "\x60\0\0\0"s}}),
+                      pci("Ethernet", 0x020000), pci("Radeon LE", "\0\0\3\0"s), pci("NVIDIA Tesla", 0x030200),
+                      {{"IOPCIDevice"}, {{"model", "Mystery"}}},
+                      {{"AppleARMIODevice"},
+                       {{"VRAM,totalsize", int64_t(8) << 30}, {"driver-version", " 12.1 \0x"s}}},
+                      agx, {{"SmallGPU", "IOGPU"}, {{"gpu-model", " Tiny \0"s}, {"VRAM,totalsize", 1048575}}},
+                      {{"ZeroGPU", "IOGPU"}, {{"VRAM,totalMB", 0}, {"VRAM,totalsize", 2097152}}},
+                      {{"", "IOGPU"}, {}}, agx};
+        const QVariantList gpus{
+            QVariantMap{{"name", "AMD Radeon Pro 5700"}, {"vramMB", 8192.0}, {"driverVersion", "4.6.1"}},
+            QVariantMap{{"name", "Intel UHD Graphics 630"}, {"vramMB", 1536.0}},
+            QVariantMap{{"name", "NVIDIA Tesla"}},
+            QVariantMap{{"name", "Apple M2 Pro"}, {"vramMB", 8192.0}, {"driverVersion", "12.1"}},
+            QVariantMap{{"name", "Tiny"}}, QVariantMap{{"name", "ZeroGPU"}, {"vramMB", 2.0}}};
+        row("gpu: both classes", gpuInfo, m, {{"gpuCount", 6}, {"gpus", gpus}});
     }
 
-    static void check(QVariantMap (*probe)())
+    void probes()
     {
+        QFETCH(probe, run);
         QFETCH(machine, mac);
         QFETCH(QVariantMap, expected);
         install(mac);
-        QCOMPARE(typed(probe()), typed(expected));
+        const QString actual = typed(run()), wanted = typed(expected);
+        QVERIFY2(actual == wanted, qPrintable("\n   actual:   " + actual + "\n   expected: " + wanted));
     }
-
-private slots:
-    void init() { install(machine()); }
-    // Every row, on every path, gives back all it was handed and nothing it was only lent.
-    void cleanup() { QVERIFY2(misuse().isEmpty(), qPrintable(misuse().join('\n'))); }
-
-    void screens_data()
-    {
-        columns();
-        machine m;
-        m.displays = {{1, "LG"}, {2, "Studio Display", true}};
-        m.displayListFailsOnSecondCall = true;
-        QTest::newRow("the list fails after the count") << m << screen_info({});
-        m.displayListFailsOnSecondCall = false;
-        m.displaysGoneBeforeSecondCall = 1;
-        QTest::newRow("the main display unplugged after the count") << m << screen_info({hd("LG")});
-
-        const char* const routes[] = {"no service port", "no info dictionary", "no product name key", "no names"};
-        for (const naming route : {no_port, no_info, no_name_key, named}) {
-            m = machine();
-            m.displays = {{69733378, "", true}};
-            m.displays[0].route = route;
-            QTest::newRow(routes[route]) << m << screen_info({hd("Display 69733378")}, "Display 69733378");
-        }
-
-        m.displays = {{5, "Projector", true, {{0, 0}, {1920, 1080}}, 1920, 1080, {600, 0}, std::nullopt},
-                      {6, "Wall", false, {{0, 0}, {1920, 1080}}, 1920, 1080, {0, 340}, {{0, 1920}}}};
-        QTest::newRow("no mode or one zero wide, one zero dimension")
-            << m << screen_info({screen("Projector", "1920 x 1080", "1920 x 1080 (0,0)", 72.0, 0.0),
-                                 screen("Wall", "1920 x 1080", "1920 x 1080 (0,0)", 72.0, 0.0)}, "Projector");
-        m.displays = {{1, "Built-in", true, {{0, 0}, {1440, 900}}, 2880, 1800, {330, 206}, {{1440, 2880}}}};
-        QTest::newRow("retina") << m << screen_info({screen("Built-in", "2880 x 1800", "1440 x 900 (0,0)", 144.0,
-                                                            (2880 * 25.4 / 330 + 1800 * 25.4 / 206) * 0.5)}, "Built-in");
-        m.displays = {{4, "iPad", false, {{-1279.6, -0.5}, {1279.6, 720.4}}},
-                      {3, "Sidecar", true, {{-2.5, 2.5}, {1366.5, -0.5}}}};
-        QTest::newRow("halves round upwards, the main display second")
-            << m << screen_info({hd("iPad", "1280 x 720 (-1280,0)"), hd("Sidecar", "1367 x 0 (-2,3)")}, "Sidecar");
-    }
-
-    void screens() { check(KrMacosInfo::getScreenResolutionInfo); }
-
-    void systemVersion_data()
-    {
-        columns();
-        const auto version = [](const char* v) { return QVariantMap{{"systemName", "macOS"}, {"productVersion", v}}; };
-        machine m;
-        m.sysctls = {{"kern.osproductversion", sysctl_value(" 14.2.1\n")}, {"kern.osrelease", sysctl_value("23.2.0")}};
-        QTest::newRow("product version, trimmed") << m << version("14.2.1");
-        m.sysctls["kern.osproductversion"] = sysctl_value("  ");
-        QTest::newRow("product version blank") << m << version("23.2.0");
-        m.sysctls["kern.osproductversion"] = std::nullopt;
-        QTest::newRow("product version unreadable") << m << version("23.2.0");
-        m.sysctls.erase("kern.osrelease");
-        QTest::newRow("kernel release missing too") << m << version("");
-    }
-
-    void systemVersion() { check(KrMacosInfo::getSystemVersionInfo); }
-
-    void language_data()
-    {
-        columns();
-        machine m;
-        m.preferredLanguages = {{"zh-Hans-CN", "en-GB"}};
-        QTest::newRow("the first, dashes replaced") << m << QVariantMap{{"languageCode", "zh_Hans_CN"}};
-        m.preferredLanguages->clear();
-        QTest::newRow("empty list") << m << QVariantMap{{"languageCode", QLocale::system().name()}};
-        m.preferredLanguages.reset();
-        QTest::newRow("no list") << m << QVariantMap{{"languageCode", QLocale::system().name()}};
-    }
-
-    void language() { check(KrMacosInfo::getSystemLanguageInfo); }
-
-    void cpu_data()
-    {
-        columns();
-        machine m;
-        m.sysctls = {{"machdep.cpu.brand_string", sysctl_value("")}, {"hw.optional.arm64", sysctl_value(1)},
-                     {"hw.physicalcpu", sysctl_value(8)}, {"hw.logicalcpu", sysctl_value(8)},
-                     {"hw.model", sysctl_value("Mac14,2")}};
-        QTest::newRow("Arm, empty brand, no frequency")
-            << m << QVariantMap{{"name", "Apple Silicon"}, {"manufacturer", "Apple"}, {"cores", 8}, {"threads", 8}};
-        m.sysctls["machdep.cpu.brand_string"] = sysctl_value("Virtual CPU");
-        QTest::newRow("Arm, a brand naming neither maker")
-            << m << QVariantMap{{"name", "Virtual CPU"}, {"manufacturer", "Apple"}, {"cores", 8}, {"threads", 8}};
-        m.sysctls = {{"machdep.cpu.brand_string", sysctl_value("Apple M2 Pro")}, {"hw.physicalcpu", sysctl_value(0)}};
-        QTest::newRow("Apple brand, no cores") << m << QVariantMap{{"name", "Apple M2 Pro"}, {"manufacturer", "Apple"}};
-        m.sysctls = {{"machdep.cpu.brand_string", sysctl_value("Intel(R) Core(TM) i9-9880H")},
-                     {"hw.physicalcpu", sysctl_value(8)}, {"hw.logicalcpu", sysctl_value(16)},
-                     {"hw.cpufrequency_max", sysctl_value(uint64_t(2400000000))},
-                     {"hw.cpufrequency", sysctl_value(uint64_t(2300000000))}};
-        QTest::newRow("Intel, maximum frequency")
-            << m << QVariantMap{{"name", "Intel(R) Core(TM) i9-9880H"}, {"manufacturer", "Intel"}, {"cores", 8},
-                                {"threads", 16}, {"maxClockSpeedMHz", quint64(2400)}};
-        m.sysctls = {{"machdep.cpu.brand_string", sysctl_value("genuine intel")},
-                     {"hw.cpufrequency", sysctl_value(uint64_t(999999))}};
-        QTest::newRow("lower-case intel, under 1 MHz")
-            << m << QVariantMap{{"name", "genuine intel"}, {"manufacturer", "Intel"}, {"maxClockSpeedMHz", quint64(0)}};
-        m.sysctls = {{"hw.optional.arm64", sysctl_value(0)}, {"hw.model", sysctl_value("MacPro7,1")},
-                     {"hw.cpufrequency", sysctl_value(uint64_t(3199999999))}};
-        QTest::newRow("neither maker, model name, MHz truncated")
-            << m << QVariantMap{{"name", "MacPro7,1"}, {"maxClockSpeedMHz", quint64(3199)}};
-        QTest::newRow("nothing readable") << machine() << QVariantMap();
-    }
-
-    void cpu() { check(KrMacosInfo::getCpuModelInfo); }
-
-    void memory_data()
-    {
-        columns();
-        machine m;
-        m.sysctls = {{"hw.memsize", sysctl_value((uint64_t(24) << 30) + 1)}};
-        m.freeAndInactivePages = {{0xFFFFFFFF, 0xFFFFFFFF}};  // their sum needs 33 bits
-        QTest::newRow("unrounded, 64-bit page arithmetic")
-            << m << QVariantMap{{"totalMemoryGB", 24 + 1 / kGiB}, {"freeMemoryGB", 2.0 * 0xFFFFFFFF * 16384 / kGiB}};
-        m.freeAndInactivePages.reset();
-        QTest::newRow("statistics fail") << m << QVariantMap{{"totalMemoryGB", 24 + 1 / kGiB}};
-        m = machine();
-        m.pageSize.reset();
-        m.freeAndInactivePages = {{1, 1}};
-        QTest::newRow("page size fails, no memsize") << m << QVariantMap();
-    }
-
-    void memory() { check(KrMacosInfo::getMemoryInfo); }
-
-    void gpus_data()
-    {
-        columns();
-        machine m;
-        QTest::newRow("no adapters") << m << gpu_info({});
-
-        // An iMac's discrete card: its VRAM sits on the PCI device; the IOGPU accelerator below it
-        // reports the same model and must not count twice.
-        m.registry = {pci("AMD Radeon Pro 5700", QByteArray("\0\3\0\0", 4), {{"VRAM,totalMB", 8192}, {"driver-version", "4.6.1"s}}),
-                      {{"AMDRadeonX6000", "IOGPU"}, {{"model", "AMD Radeon Pro 5700"s}}, 0}};
-        const QVariantMap radeon{{"name", "AMD Radeon Pro 5700"}, {"vramMB", 8192.0}, {"driverVersion", "4.6.1"}};
-        QTest::newRow("same adapter in both classes") << m << gpu_info({radeon});
-        m.failingLookups = {"IOPCIDevice"};
-        QTest::newRow("PCI lookup fails, the accelerator finds its card's properties") << m << gpu_info({radeon});
-
-        m = machine();
-        m.registry = {pci("Intel UHD Graphics 630", 0x030000, {{"VRAM,totalsize", QByteArray("\x60\0\0\0", 4)}}),
-                      pci("Ethernet", 0x020000), pci("Radeon LE", QByteArray("\0\0\3\0", 4)),
-                      pci("NVIDIA Tesla", 0x030200), {{"IOPCIDevice"}, {{"model", "Mystery"s}}}};
-        QTest::newRow("class codes: number, network, little-endian data, 3D controller, none")
-            << m << gpu_info({QVariantMap{{"name", "Intel UHD Graphics 630"}, {"vramMB", 1536.0}},
-                              QVariantMap{{"name", "NVIDIA Tesla"}}});
-
-        const registry_entry agx{{"AGXAcceleratorG14X", "IOGPU"}, {{"model", "Apple M2 Pro"s}}, 0};
-        m.registry = {{{"AppleARMIODevice"}, {{"VRAM,totalsize", int64_t(8) << 30}, {"driver-version", QByteArray(" 12.1 \0x", 8)}}},
-                      agx,
-                      {{"SmallGPU", "IOGPU"}, {{"gpu-model", QByteArray(" Tiny \0", 7)}, {"VRAM,totalsize", 1048575}}},
-                      {{"ZeroGPU", "IOGPU"}, {{"VRAM,totalMB", 0}, {"VRAM,totalsize", 2097152}}},
-                      {{"", "IOGPU"}, {}},
-                      agx};
-        QTest::newRow("IOGPU: parents, fallbacks, small VRAM, class name")
-            << m << gpu_info({QVariantMap{{"name", "Apple M2 Pro"}, {"vramMB", 8192.0}, {"driverVersion", "12.1"}},
-                              QVariantMap{{"name", "Tiny"}}, QVariantMap{{"name", "ZeroGPU"}, {"vramMB", 2.0}}});
-    }
-
-    void gpus() { check(KrMacosInfo::getGpuInfo); }
 
     void allSystemInfoSignalsOncePerCallFromThePool()
     {
         machine m;
         m.displays = {{1, "Studio Display", true}};
-        m.sysctls = {{"kern.osproductversion", sysctl_value("14.2")}, {"hw.memsize", sysctl_value(uint64_t(8) << 30)}};
+        m.sysctls = {{"kern.osproductversion", "14.2"}, {"hw.memsize", uint64_t(8) << 30}};
         m.preferredLanguages = {{"fr-CA"}};
         install(m);
-        const QVariantMap expected{
-            {"cpu", KrMacosInfo::getCpuModelInfo()}, {"memory", KrMacosInfo::getMemoryInfo()},
-            {"screen", KrMacosInfo::getScreenResolutionInfo()}, {"system", KrMacosInfo::getSystemVersionInfo()},
-            {"language", KrMacosInfo::getSystemLanguageInfo()}};
+        const QVariantMap expected{{"cpu", cpuInfo()}, {"memory", memoryInfo()}, {"screen", screenInfo()},
+                                   {"system", systemInfo()}, {"language", languageInfo()}};
 
         // Both collections may emit at once, which QSignalSpy does not survive.
         KrMacosInfo info;
@@ -271,7 +217,8 @@ private slots:
         }
         const QMetaObject& meta = KrMacosInfo::staticMetaObject;  // the signal is all that it adds
         QCOMPARE(meta.methodCount() - meta.methodOffset(), 1);
-        QCOMPARE(meta.method(meta.methodOffset()).methodSignature(), QByteArray("allSystemInfoFinished(QVariantMap)"));
+        QCOMPARE(meta.method(meta.methodOffset()).methodSignature(),
+                 QByteArray("allSystemInfoFinished(QVariantMap)"));
     }
 };
 

@@ -1,29 +1,27 @@
 // The fake frameworks behind include/. Every call answers from the installed machine. Every
-// CoreFoundation object and IOKit handle is an entry of one table, and a CFTypeRef or io_object_t
-// is its index + 1: a release of what the caller does not own, a second release and a use after
-// release all show, whatever the kind of object.
+// CoreFoundation object and IOKit handle is an entry of its thread's table, and a CFTypeRef or
+// io_object_t is its index + 1: a release of what the caller does not own (a CFSTR constant, a lent
+// display port, a dictionary's member), a second release, a use after release or of the wrong kind
+// of object throws at once; leaks() lists what was handed out and never released.
 #include "fake_machine.h"
 
 #include <CoreFoundation/CoreFoundation.h>
 #include <IOKit/graphics/IOGraphicsLib.h>
 #include <sys/sysctl.h>
 
-#include <QString>
-
 #include <algorithm>
 #include <cerrno>
-#include <cstddef>
-#include <cstdio>
+#include <cstring>
 #include <deque>
 #include <mutex>
-#include <type_traits>
+#include <stdexcept>
 
-static_assert(sizeof(CFIndex) == 8 && CFIndex(-1) < 0, "CFIndex is a signed long");
-static_assert(std::is_enum<CFNumberType>() && std::is_same<std::underlying_type_t<CFNumberType>, CFIndex>(),
-              "CF_ENUM(CFIndex, CFNumberType)");
-static_assert(std::is_enum<CGError>() && std::is_same<std::underlying_type_t<CGError>, int32_t>(),
-              "CF_ENUM(int32_t, CGError)");
-static_assert(sizeof(CGDirectDisplayID) == 4 && sizeof(io_object_t) == 4, "32-bit display ids and port names");
+static_assert(sizeof(CFIndex) == 8 && CFIndex(-1) < 0 && sizeof(CGDirectDisplayID) == 4 &&
+                  sizeof(io_object_t) == 4,
+              "a signed 64-bit CFIndex, 32-bit display ids and port names");
+static_assert(std::is_same<std::underlying_type_t<CFNumberType>, CFIndex>() &&
+                  std::is_same<std::underlying_type_t<CGError>, int32_t>(),
+              "CF_ENUM(CFIndex, CFNumberType) and CF_ENUM(int32_t, CGError)");
 static_assert(sizeof(vm_statistics64_data_t) == 152 && alignof(vm_statistics64_data_t) == 8 &&
                   offsetof(vm_statistics64_data_t, total_uncompressed_pages_in_compressor) == 144 &&
                   HOST_VM_INFO64_COUNT == 38,
@@ -31,248 +29,203 @@ static_assert(sizeof(vm_statistics64_data_t) == 152 && alignof(vm_statistics64_d
 
 namespace {
 
-using fake_apple::naming;
-
-// The CFTypeIDs, then the kinds of IOKit handle: a bit each, so that a call can accept several.
-enum kind : CFTypeID { cf_string = 1, cf_number = 2, cf_data = 4, cf_array = 8, cf_dictionary = 16,
-                       cg_display_mode = 32, io_iterator = 64, io_service = 128, io_display_port = 256 };
-constexpr CFTypeID any_cf = 63, any_io = io_iterator | io_service | io_display_port;
-const char* const kind_names[] = {"CFString", "CFNumber", "CFData", "CFArray", "CFDictionary",
-                                  "CGDisplayMode", "io_iterator", "io_service", "display port"};
-constexpr kern_return_t kern_failure = 5, kIOReturnError = kern_return_t(0xe00002bc),
-                        kIOReturnBadArgument = kern_return_t(0xe00002c2);
+using namespace fake_apple;
+constexpr CFTypeID any_cf = 63, any_io = io_iterator | io_service | io_display_port, or_null = 512;
+constexpr kern_return_t kern_failure = 5;
 constexpr host_t host_port = 0x103;
-constexpr mach_msg_type_number_t oldest_vm_info64_count = 24;  // the first layout ends at speculative_count
 
+// v.number also holds a mode's or a port's display, a service's registry index, an iterator's
+// position; items: an array's members, a dictionary's keys then its values, an iterator's services.
 struct entry {
-    CFTypeID kind = 0;   // 0: what a rejected handle resolves to
+    value v;
     bool owned = false;  // handed out by a Create or Copy function: the caller must release it
-    bool alive = true;   // false once released, itself or the container that held it
-    std::string text;    // a string's text, a data's bytes
-    int64_t number = 0;  // a number; a mode's or port's display, a service's registry entry, an iterator's position
-    std::vector<size_t> items;  // an array's elements; a dictionary's keys and values in turn; an iterator's entries
+    std::vector<size_t> items = {};
+    bool alive = true;  // false once released, itself or the container that held it
 };
 
 std::mutex mutex;
-using guard = std::lock_guard<std::mutex>;
-fake_apple::machine mac;
-std::deque<entry> table;  // a deque: entries stay in place while it grows
-QStringList errors;
+machine mac;
+thread_local std::deque<entry> table;  // the collector's objects never leave the thread they were made on
 
-size_t add(CFTypeID kind, bool owned, std::string text = {}, int64_t number = 0, std::vector<size_t> items = {})
+const machine& now()  // ordered after the install() it answers from, for ThreadSanitizer too
 {
-    table.push_back({kind, owned, true, std::move(text), number, std::move(items)});
+    std::lock_guard<std::mutex> lock(mutex);
+    return mac;
+}
+
+size_t add(value v, bool owned = false, std::vector<size_t> items = {})
+{
+    table.push_back({std::move(v), owned, std::move(items)});
     return table.size();
 }
-size_t member(const std::string& text) { return add(cf_string, false, text); }
 template <typename Ref = const void*> Ref ref(size_t handle) { return reinterpret_cast<Ref>(handle); }
 
-QString describe(const entry& e)
+std::vector<size_t> members(const std::vector<value>& values)
 {
-    return QString(kind_names[__builtin_ctzl(e.kind)]) + ' ' +
-           (e.text.empty() ? QString::number(e.number) : QString::fromStdString(e.text));
+    std::vector<size_t> handles;
+    for (const value& v : values)
+        handles.push_back(add(v));
+    return handles;
 }
 
-entry& use(size_t handle, CFTypeID kinds, const char* function)
+// The live entry of one of `kinds`; with or_null, a fresh dead one for the null handle.
+#define TAKE(handle, kinds) use(handle, kinds, __func__)
+entry& use(const void* handle, CFTypeID kinds, const char* function)
 {
-    static entry none;
-    none = entry();
-    entry& e = handle && handle <= table.size() ? table[handle - 1] : none;
-    if (e.alive && (e.kind & kinds))
-        return e;
-    errors << QString("%1: %2").arg(function, !e.kind ? QString("null or foreign handle %1").arg(handle)
-                                              : !e.alive ? describe(e) + " used after its release"
-                                                         : "given a " + describe(e));
-    return none;
+    thread_local entry null;
+    const auto i = size_t(handle) - 1;
+    if (i < table.size() && table[i].alive && (table[i].v.type & kinds))
+        return table[i];
+    if (!handle && (kinds & or_null))
+        return null = entry{value(), false, {}, false};
+    const bool released = i < table.size() && !table[i].alive;
+    throw std::logic_error(function + std::string(released ? ": used after its release" : ": not its kind"));
 }
-entry& use(const void* ref, CFTypeID kinds, const char* function) { return use(size_t(ref), kinds, function); }
 
 void kill(entry& e)
 {
     e.alive = false;
-    if (e.kind & (cf_array | cf_dictionary))
-        for (const size_t item : e.items)
-            kill(table[item - 1]);
+    for (const size_t member : e.v.type & (cf_array | cf_dictionary) ? e.items : std::vector<size_t>())
+        kill(table[member - 1]);
 }
 
-void release(entry& e, const char* function)
+bool release(const void* handle, CFTypeID kinds, const char* function)  // false for the null handle
 {
-    if (e.kind && !e.owned)
-        errors << QString("%1 of a %2 the caller does not own").arg(function, describe(e));
-    else if (e.kind)
-        kill(e);
+    entry& e = use(handle, kinds, function);
+    if (handle && !e.owned)
+        throw std::logic_error(function + std::string(" of an object the caller does not own"));
+    kill(e);
+    return handle;
 }
 
-const fake_apple::display& shown(CGDirectDisplayID id, const char* function)
+const display& shown(CGDirectDisplayID id)
 {
-    static const fake_apple::display none{0, {}, false, {}, 0, 0, {}, std::nullopt, naming::no_port};
-    for (const auto& d : mac.displays)
+    for (const display& d : now().displays)
         if (d.id == id)
             return d;
-    errors << QString("%1: unknown display %2").arg(function).arg(id);
-    return none;
+    throw std::logic_error("no display " + std::to_string(id));
 }
 
-size_t mode_width(CGDisplayModeRef mode, bool pixels, const char* function)
-{
-    const entry& e = use(mode, cg_display_mode, function);
-    const auto widths = e.kind ? shown(CGDirectDisplayID(e.number), function).mode : std::nullopt;
-    return !widths ? 0 : pixels ? widths->second : widths->first;
-}
+const display& of(const entry& modeOrPort) { return shown(CGDirectDisplayID(modeOrPort.v.number)); }
 
 // A registry property of the service or, `upwards`, of its nearest ancestor that has one.
 CFTypeRef lookup(io_registry_entry_t service, CFStringRef key, bool upwards, const char* function)
 {
-    const std::string wanted = use(key, cf_string, function).text;
-    const entry& e = use(service, io_service, function);
-    for (int i = e.kind ? int(e.number) : -1; i >= 0; i = upwards ? mac.registry[size_t(i)].parent : -1) {
-        const auto& properties = mac.registry[size_t(i)].properties;
-        const auto p = properties.find(wanted);
-        if (p == properties.end())
-            continue;
-        if (const auto* number = std::get_if<int64_t>(&p->second))
-            return ref(add(cf_number, true, {}, *number));
-        const auto* bytes = std::get_if<QByteArray>(&p->second);
-        return ref(add(bytes ? cf_data : cf_string, true, bytes ? bytes->toStdString() : std::get<std::string>(p->second)));
-    }
+    const auto& registry = now().registry;
+    const std::string& name = use(key, cf_string, function).v.bytes;
+    for (auto i = size_t(use(ref(service), io_service, function).v.number); i < registry.size();
+         i = upwards ? size_t(registry[i].parent) : SIZE_MAX)
+        if (registry[i].properties.count(name))
+            return ref(add(registry[i].properties.at(name), true));
     return nullptr;
-}
-
-template <typename List, typename Item> bool contains(const List& list, const Item& item)
-{
-    return std::find(list.begin(), list.end(), item) != list.end();
 }
 
 }  // namespace
 
 void fake_apple::install(const machine& m)
 {
-    guard g(mutex);
+    std::lock_guard<std::mutex> lock(mutex);
     mac = m;
     table.clear();
-    errors.clear();
 }
 
-QStringList fake_apple::misuse()
+QStringList fake_apple::leaks()
 {
-    guard g(mutex);
-    QStringList all = errors;
+    QStringList held;
     for (const entry& e : table)
         if (e.owned && e.alive)
-            all << "never released: " + describe(e);
-    return all;
+            held << QString("never released: kind %1, %2 %3").arg(e.v.type).arg(e.v.number).arg(e.v.bytes.c_str());
+    return held;
 }
 
 // ---- CoreFoundation ----
 
 const CFAllocatorRef kCFAllocatorDefault = nullptr;
-CFStringRef __CFStringMakeConstantString(const char* text) { guard g(mutex); return ref<CFStringRef>(member(text)); }
-CFTypeID CFGetTypeID(CFTypeRef cf) { guard g(mutex); return use(cf, any_cf, __func__).kind; }
-void CFRelease(CFTypeRef cf) { guard g(mutex); release(use(cf, any_cf, __func__), __func__); }
+CFStringRef __CFStringMakeConstantString(const char* cStr) { return ref<CFStringRef>(add(cStr)); }
+CFTypeID CFGetTypeID(CFTypeRef cf) { return TAKE(cf, any_cf).v.type; }
+void CFRelease(CFTypeRef cf) { release(cf, any_cf, __func__); }
 CFTypeID CFStringGetTypeID(void) { return cf_string; }
 CFTypeID CFDictionaryGetTypeID(void) { return cf_dictionary; }
 CFTypeID CFNumberGetTypeID(void) { return cf_number; }
 CFTypeID CFDataGetTypeID(void) { return cf_data; }
 CFIndex CFStringGetMaximumSizeForEncoding(CFIndex length, CFStringEncoding) { return length * 3; }  // UTF-8
-CFIndex CFStringGetLength(CFStringRef s) { guard g(mutex); return QString::fromStdString(use(s, cf_string, __func__).text).size(); }
-CFIndex CFArrayGetCount(CFArrayRef a) { guard g(mutex); return CFIndex(use(a, cf_array, __func__).items.size()); }
-CFIndex CFDictionaryGetCount(CFDictionaryRef d) { guard g(mutex); return CFIndex(use(d, cf_dictionary, __func__).items.size() / 2); }
-CFIndex CFDataGetLength(CFDataRef d) { guard g(mutex); return CFIndex(use(d, cf_data, __func__).text.size()); }
+CFIndex CFStringGetLength(CFStringRef s) { return QString::fromStdString(TAKE(s, cf_string).v.bytes).size(); }
+CFIndex CFArrayGetCount(CFArrayRef a) { return CFIndex(TAKE(a, cf_array).items.size()); }
+const void* CFArrayGetValueAtIndex(CFArrayRef a, CFIndex i) { return ref(TAKE(a, cf_array).items.at(i)); }
+CFIndex CFDictionaryGetCount(CFDictionaryRef d) { return CFIndex(TAKE(d, cf_dictionary).items.size() / 2); }
+CFIndex CFDataGetLength(CFDataRef d) { return CFIndex(TAKE(d, cf_data).v.bytes.size()); }
+const UInt8* CFDataGetBytePtr(CFDataRef d) { return (const UInt8*)(TAKE(d, cf_data).v.bytes.data()); }
 
 Boolean CFStringGetCString(CFStringRef s, char* buffer, CFIndex bufferSize, CFStringEncoding)
 {
-    guard g(mutex);
-    const std::string& text = use(s, cf_string, __func__).text;
-    return CFIndex(text.size()) < bufferSize && std::memcpy(buffer, text.c_str(), text.size() + 1);
-}
-
-const void* CFArrayGetValueAtIndex(CFArrayRef a, CFIndex idx)
-{
-    guard g(mutex);
-    const auto& items = use(a, cf_array, __func__).items;
-    if (idx >= 0 && size_t(idx) < items.size())
-        return ref(items[size_t(idx)]);
-    errors << QString("%1: index %2 of %3").arg(__func__).arg(idx).arg(items.size());
-    return nullptr;
+    const std::string& text = TAKE(s, cf_string).v.bytes;
+    return CFIndex(text.size()) < bufferSize && std::strcpy(buffer, text.c_str());
 }
 
 const void* CFDictionaryGetValue(CFDictionaryRef d, const void* key)
 {
-    guard g(mutex);
-    const std::string wanted = use(key, cf_string, __func__).text;
-    const auto& items = use(d, cf_dictionary, __func__).items;
-    for (size_t i = 0; i < items.size(); i += 2)
-        if (table[items[i] - 1].text == wanted)
-            return ref(items[i + 1]);
+    const std::string& name = TAKE(key, cf_string).v.bytes;
+    const auto& items = TAKE(d, cf_dictionary).items;
+    for (size_t i = 0; i < items.size() / 2; ++i)
+        if (TAKE(ref(items[i]), cf_string).v.bytes == name)
+            return ref(items[items.size() / 2 + i]);
     return nullptr;
 }
 
 void CFDictionaryGetKeysAndValues(CFDictionaryRef d, const void** keys, const void** values)
 {
-    guard g(mutex);
-    const auto& items = use(d, cf_dictionary, __func__).items;
-    for (size_t i = 0; i < items.size(); ++i)
-        if (const void** to = i % 2 ? values : keys)
-            to[i / 2] = ref(items[i]);
+    const auto& items = TAKE(d, cf_dictionary).items;
+    std::transform(items.begin(), items.begin() + items.size() / 2, keys, ref<const void*>);
+    std::transform(items.begin() + items.size() / 2, items.end(), values, ref<const void*>);
 }
 
-Boolean CFNumberGetValue(CFNumberRef number, CFNumberType type, void* value)
+Boolean CFNumberGetValue(CFNumberRef number, CFNumberType type, void* valuePtr)
 {
-    guard g(mutex);
-    const int64_t wide = use(number, cf_number, __func__).number;
-    const auto narrow = int32_t(wide);  // kCFNumberSInt32Type; a lossy conversion answers false
-    type == kCFNumberSInt64Type ? std::memcpy(value, &wide, sizeof wide) : std::memcpy(value, &narrow, sizeof narrow);
-    return type == kCFNumberSInt64Type || narrow == wide;
-}
-
-const UInt8* CFDataGetBytePtr(CFDataRef d)
-{
-    guard g(mutex);
-    const std::string& bytes = use(d, cf_data, __func__).text;
-    return bytes.empty() ? nullptr : reinterpret_cast<const UInt8*>(bytes.data());
+    const int64_t n = TAKE(number, cf_number).v.number;
+    std::memcpy(valuePtr, &n, type == kCFNumberSInt64Type ? 8 : 4);  // kCFNumberSInt32Type: the low half
+    return type == kCFNumberSInt64Type || int32_t(n) == n;         // a lossy conversion answers false
 }
 
 CFArrayRef CFLocaleCopyPreferredLanguages(void)
 {
-    guard g(mutex);
-    std::vector<size_t> languages;
-    for (const std::string& language : mac.preferredLanguages.value_or(std::vector<std::string>()))
-        languages.push_back(member(language));
-    return mac.preferredLanguages ? ref<CFArrayRef>(add(cf_array, true, {}, 0, languages)) : nullptr;
+    const auto& languages = now().preferredLanguages;
+    return languages ? ref<CFArrayRef>(add(cf_array, true, members(*languages))) : nullptr;
 }
 
 // ---- sysctl and Mach ----
 
 int sysctlbyname(const char* name, void* oldp, size_t* oldlenp, void*, size_t)
 {
-    guard g(mutex);
-    const auto it = mac.sysctls.find(name);
-    if (it == mac.sysctls.end())
+    const auto& sysctls = now().sysctls;
+    if (!sysctls.count(name))
         return errno = ENOENT, -1;
-    const QByteArray value = it->second.value_or(QByteArray(8, '\0'));
-    if (oldp && (!it->second || *oldlenp < size_t(value.size())))
-        return errno = it->second ? ENOMEM : EIO, -1;
-    *oldlenp = size_t(value.size());
-    return oldp ? std::memcpy(oldp, value.constData(), *oldlenp), 0 : 0;
+    const std::string bytes = sysctls.at(name).bytes + std::string(sysctls.at(name).type == cf_string, '\0');
+    if (oldp && *oldlenp < bytes.size())
+        return errno = ENOMEM, -1;
+    *oldlenp = bytes.size();
+    std::copy_n(bytes.data(), oldp ? bytes.size() : 0, static_cast<char*>(oldp));
+    return 0;
 }
 
 mach_port_t mach_host_self(void) { return host_port; }
 
 kern_return_t host_page_size(host_t host, vm_size_t* size)
 {
-    guard g(mutex);
-    return host != host_port || !mac.pageSize ? kern_failure : (*size = *mac.pageSize, KERN_SUCCESS);
+    *size = now().pageSize;
+    return host == host_port && *size ? KERN_SUCCESS : kern_failure;
 }
 
-// Fills as much of the newest layout as the caller's count holds, and says how much that was.
-kern_return_t host_statistics64(host_t host, host_flavor_t flavor, host_info64_t info, mach_msg_type_number_t* count)
+// Fills as much of the newest layout as the caller's count holds, from the oldest layout's 24
+// numbers (up to speculative_count) on, and says how much that was.
+kern_return_t host_statistics64(host_t host, host_flavor_t flavor, host_info64_t info,
+                                mach_msg_type_number_t* count)
 {
-    guard g(mutex);
-    if (host != host_port || flavor != HOST_VM_INFO64 || *count < oldest_vm_info64_count || !mac.freeAndInactivePages)
+    const auto& pages = now().freeAndInactivePages;
+    if (host != host_port || flavor != HOST_VM_INFO64 || *count < 24 || !pages)
         return kern_failure;
     vm_statistics64_data_t statistics = {};
-    statistics.free_count = mac.freeAndInactivePages->first;
-    statistics.inactive_count = mac.freeAndInactivePages->second;
+    statistics.free_count = pages->first;
+    statistics.inactive_count = pages->second;
     statistics.active_count = statistics.wire_count = statistics.speculative_count = 11111;  // not free
     *count = std::min(*count, HOST_VM_INFO64_COUNT);
     std::memcpy(info, &statistics, *count * sizeof(integer_t));
@@ -283,59 +236,45 @@ kern_return_t host_statistics64(host_t host, host_flavor_t flavor, host_info64_t
 
 CGError CGGetActiveDisplayList(uint32_t maxDisplays, CGDirectDisplayID* displays, uint32_t* count)
 {
-    guard g(mutex);
-    if (displays && mac.displayListFailsOnSecondCall)
-        return kCGErrorFailure;
-    const size_t active = mac.displays.size() - (displays ? size_t(mac.displaysGoneBeforeSecondCall) : 0);
-    *count = uint32_t(displays ? std::min(size_t(maxDisplays), active) : active);
+    const machine& m = now();
+    const size_t listed = m.displays.size() - m.unpluggedBeforeSecondCall;
+    *count = uint32_t(displays ? std::min<size_t>(maxDisplays, listed) : m.displays.size());
     for (uint32_t i = 0; displays && i < *count; ++i)
-        displays[i] = mac.displays[i].id;
-    return kCGErrorSuccess;
+        displays[i] = m.displays[i].id;
+    return displays && m.listFailsOnSecondCall ? kCGErrorFailure : kCGErrorSuccess;
 }
 
-CGRect CGDisplayBounds(CGDirectDisplayID display) { guard g(mutex); return shown(display, __func__).bounds; }
-size_t CGDisplayPixelsWide(CGDirectDisplayID display) { guard g(mutex); return shown(display, __func__).pixelsWide; }
-size_t CGDisplayPixelsHigh(CGDirectDisplayID display) { guard g(mutex); return shown(display, __func__).pixelsHigh; }
-CGSize CGDisplayScreenSize(CGDirectDisplayID display) { guard g(mutex); return shown(display, __func__).millimetres; }
-boolean_t CGDisplayIsMain(CGDirectDisplayID display) { guard g(mutex); return shown(display, __func__).isMain; }
-size_t CGDisplayModeGetWidth(CGDisplayModeRef mode) { guard g(mutex); return mode_width(mode, false, __func__); }
-size_t CGDisplayModeGetPixelWidth(CGDisplayModeRef mode) { guard g(mutex); return mode_width(mode, true, __func__); }
+CGRect CGDisplayBounds(CGDirectDisplayID display) { return shown(display).bounds; }
+size_t CGDisplayPixelsWide(CGDirectDisplayID display) { return shown(display).pixelsWide; }
+size_t CGDisplayPixelsHigh(CGDirectDisplayID display) { return shown(display).pixelsHigh; }
+CGSize CGDisplayScreenSize(CGDirectDisplayID display) { return shown(display).millimetres; }
+boolean_t CGDisplayIsMain(CGDirectDisplayID display) { return shown(display).isMain; }
+size_t CGDisplayModeGetWidth(CGDisplayModeRef m) { return of(TAKE(m, cg_display_mode)).mode->first; }
+size_t CGDisplayModeGetPixelWidth(CGDisplayModeRef m) { return of(TAKE(m, cg_display_mode)).mode->second; }
+void CGDisplayModeRelease(CGDisplayModeRef mode) { release(mode, cg_display_mode | or_null, __func__); }
 
 CGDisplayModeRef CGDisplayCopyDisplayMode(CGDirectDisplayID display)
 {
-    guard g(mutex);
-    return shown(display, __func__).mode ? ref<CGDisplayModeRef>(add(cg_display_mode, true, {}, display)) : nullptr;
-}
-
-void CGDisplayModeRelease(CGDisplayModeRef mode)  // NULL is allowed here, unlike CFRelease
-{
-    guard g(mutex);
-    if (mode)
-        release(use(mode, cg_display_mode, __func__), __func__);
+    return shown(display).mode ? ref<CGDisplayModeRef>(add(value(cg_display_mode, display), true)) : nullptr;
 }
 
 io_service_t CGDisplayIOServicePort(CGDirectDisplayID display)  // lent: not the caller's to release
 {
-    guard g(mutex);
-    return shown(display, __func__).route == naming::no_port ? MACH_PORT_NULL
-                                                              : io_service_t(add(io_display_port, false, {}, display));
+    return shown(display).route == no_port ? MACH_PORT_NULL
+                                           : io_service_t(add(value(io_display_port, display)));
 }
 
-// With kIODisplayOnlyPreferredName the names dictionary holds one locale's name.
+// Only the preferred name is faked: the names dictionary holds at most one locale's name.
 CFDictionaryRef IODisplayCreateInfoDictionary(io_service_t framebuffer, IOOptionBits options)
 {
-    guard g(mutex);
-    const entry& port = use(framebuffer, io_display_port, __func__);
-    if (options != kIODisplayOnlyPreferredName)
-        errors << QString("%1: options %2 not faked").arg(__func__).arg(options);
-    if (!port.kind || shown(CGDirectDisplayID(port.number), __func__).route == naming::no_info)
+    const display& d = of(TAKE(ref(framebuffer), io_display_port));
+    if (options != kIODisplayOnlyPreferredName || d.route == no_info)
         return nullptr;
-    const fake_apple::display& d = shown(CGDirectDisplayID(port.number), __func__);
-    std::vector<size_t> info = {member("DisplayVendorID"), add(cf_number, false, {}, 1552)};
-    std::vector<size_t> names = d.name.empty() ? std::vector<size_t>() : std::vector<size_t>{member("en_US"), member(d.name)};
-    if (d.route == naming::named)
-        info.insert(info.end(), {member(kDisplayProductName), add(cf_dictionary, false, {}, 0, names)});
-    return ref<CFDictionaryRef>(add(cf_dictionary, true, {}, 0, info));
+    // Without the product name key, the names sit under another key.
+    auto info = members({"DisplayVendorID", d.route == named ? kDisplayProductName : "DisplaySerial", 1552});
+    const auto names = d.name.empty() ? members({}) : members({"en_US", d.name.c_str()});
+    info.push_back(add(cf_dictionary, false, names));
+    return ref<CFDictionaryRef>(add(cf_dictionary, true, info));
 }
 
 // ---- IOKit registry ----
@@ -344,55 +283,46 @@ const mach_port_t kIOMasterPortDefault = MACH_PORT_NULL;
 
 CFMutableDictionaryRef IOServiceMatching(const char* name)
 {
-    guard g(mutex);
-    return ref<CFMutableDictionaryRef>(add(cf_dictionary, true, {}, 0, {member("IOProviderClass"), member(name)}));
+    return ref<CFMutableDictionaryRef>(add(cf_dictionary, true, members({"IOProviderClass", name})));
 }
 
+// Consumes `matching`; hands out no iterator when nothing matches.
 kern_return_t IOServiceGetMatchingServices(mach_port_t, CFDictionaryRef matching, io_iterator_t* existing)
 {
-    guard g(mutex);
-    entry& dictionary = use(matching, cf_dictionary, __func__);
-    const std::string wanted = dictionary.kind ? table[dictionary.items.at(1) - 1].text : "";
-    release(dictionary, __func__);
+    const void* wanted = CFDictionaryGetValue(matching, CFSTR("IOProviderClass"));
+    const std::string name = TAKE(wanted, cf_string).v.bytes;
+    CFRelease(matching);
     std::vector<size_t> found;
-    for (size_t i = 0; i < mac.registry.size(); ++i)
-        if (contains(mac.registry[i].classes, wanted))
+    for (size_t i = 0; i < now().registry.size(); ++i)
+        if (std::count(mac.registry[i].classes.begin(), mac.registry[i].classes.end(), name))
             found.push_back(i);
-    if (contains(mac.failingLookups, wanted))
-        return kIOReturnError;
-    *existing = found.empty() ? MACH_PORT_NULL : io_iterator_t(add(io_iterator, true, {}, 0, found));
+    *existing = found.empty() ? MACH_PORT_NULL : io_iterator_t(add(io_iterator, true, found));
     return KERN_SUCCESS;
 }
 
-io_object_t IOIteratorNext(io_iterator_t iterator)
+io_object_t IOIteratorNext(io_iterator_t iterator)  // the null iterator is empty
 {
-    guard g(mutex);
-    if (iterator == MACH_PORT_NULL)  // what a lookup that matched nothing hands out
-        return MACH_PORT_NULL;
-    entry& it = use(iterator, io_iterator, __func__);
-    return size_t(it.number) < it.items.size() ? io_object_t(add(io_service, true, {}, int64_t(it.items[size_t(it.number++)])))
-                                               : MACH_PORT_NULL;
+    entry& it = TAKE(ref(iterator), io_iterator | or_null);
+    const auto next = size_t(it.v.number++);
+    return next < it.items.size() ? io_object_t(add(value(io_service, int64_t(it.items[next])), true))
+                                  : MACH_PORT_NULL;
 }
 
-kern_return_t IOObjectRelease(io_object_t object)
+kern_return_t IOObjectRelease(io_object_t object)  // harmless for the null name, which the kernel refuses
 {
-    guard g(mutex);
-    if (object == MACH_PORT_NULL)  // harmless: the kernel refuses the null name
-        return kIOReturnBadArgument;
-    return release(use(object, any_io, __func__), __func__), KERN_SUCCESS;
+    return release(ref(object), any_io | or_null, __func__) ? KERN_SUCCESS : kern_return_t(0xe00002c2);
 }
 
 kern_return_t IOObjectGetClass(io_object_t object, io_name_t className)
 {
-    guard g(mutex);
-    const entry& service = use(object, io_service, __func__);
-    const std::string name = service.kind ? mac.registry[size_t(service.number)].classes[0] : "";
-    return name.empty() ? kIOReturnError : (std::snprintf(className, sizeof(io_name_t), "%s", name.c_str()), KERN_SUCCESS);
+    const std::string& name = now().registry.at(size_t(TAKE(ref(object), io_service).v.number)).classes[0];
+    std::snprintf(className, sizeof(io_name_t), "%s", name.c_str());
+    return name.empty() ? kern_return_t(0xe00002bc) : KERN_SUCCESS;  // kIOReturnError
 }
 
-CFTypeRef IORegistryEntryCreateCFProperty(io_registry_entry_t entry, CFStringRef key, CFAllocatorRef, IOOptionBits)
+CFTypeRef IORegistryEntryCreateCFProperty(io_registry_entry_t entry, CFStringRef key, CFAllocatorRef,
+                                          IOOptionBits)
 {
-    guard g(mutex);
     return lookup(entry, key, false, __func__);
 }
 
@@ -400,7 +330,6 @@ CFTypeRef IORegistryEntryCreateCFProperty(io_registry_entry_t entry, CFStringRef
 CFTypeRef IORegistryEntrySearchCFProperty(io_registry_entry_t entry, const io_name_t plane, CFStringRef key,
                                           CFAllocatorRef, IOOptionBits options)
 {
-    guard g(mutex);
     const bool upwards = (options & kIORegistryIterateRecursively) && (options & kIORegistryIterateParents);
     return std::strcmp(plane, kIOServicePlane) == 0 ? lookup(entry, key, upwards, __func__) : nullptr;
 }
