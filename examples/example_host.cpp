@@ -1,6 +1,7 @@
 // A minimal host: identifies the software and the device, records one run's usage and one record
 // of every other kind, and prints what the library wrote into ./veltrainfo/.
 #include <information_api/information_api.h>
+#include <information_api/information_api_version.h>
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
@@ -67,10 +68,12 @@ int main(int argc, char** argv)
 {
     QCoreApplication app(argc, argv);
     app.setApplicationName("example_host");
+    app.setApplicationVersion(INFORMATION_API_VERSION_STRING);  // the library it was built against
     QCommandLineParser parser;
     parser.setApplicationDescription("Records one run's usage and one record of every other kind in "
                                      "./veltrainfo/, then lists the records and prints the usage record.");
     parser.addHelpOption();
+    parser.addVersionOption();
     parser.addPositionalArgument("dir", "Working directory to record in (default: the current one).",
                                  "[dir]");
     parser.process(app);  // --help, or an unknown option: prints and exits

@@ -181,8 +181,10 @@ public:
 private:
     void take(QNetworkReply* reply)
     {
+        if (done_)
+            return;  // ended, and the reply perhaps aborted: reading it would warn
         const QByteArray chunk = reply->readAll();
-        if (done_ || chunk.isEmpty())
+        if (chunk.isEmpty())
             return;
         hash_.addData(chunk);
         if (file_.write(chunk) != chunk.size()) {

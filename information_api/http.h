@@ -21,7 +21,6 @@
 class QHttpPart;
 class QNetworkAccessManager;
 class QTimer;
-class tst_http_connector;
 class tst_manager_layout;
 
 // One text field of a multipart form.
@@ -114,7 +113,6 @@ private:
     json_handler* handler_ = nullptr;
     QString file_path_;
 
-    friend class ::tst_http_connector;
     friend class ::tst_manager_layout;
 };
 

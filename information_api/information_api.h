@@ -125,7 +125,8 @@ INFORMATION_API_EXPORT VeltraInfoMgr* information_init();
 /// Called from a sink, on the worker thread, it cannot wait for that thread: the worker ends as
 /// soon as the sink call returns and delivers no further report, and the thread that called
 /// information_init() deletes it when its event loop next runs. The manager is deleted at once
-/// even then, on the worker thread: the host's thread must not be using it at that moment.
+/// even then, on the worker thread: the host's thread must not be using it, nor starting requests,
+/// at that moment (a host that lets a sink end the library tells its own thread to stop first).
 /// @return 0.
 INFORMATION_API_EXPORT int information_clean();
 /// Ends connection `id`: its request is abandoned if it still runs, and its connector is deleted

@@ -1,73 +1,64 @@
-// Helpers shared by the tests: an isolated working directory, log capture, record file reading.
+// Fixtures every test shares: a private working directory, log capture, record files, a sink that
+// records what it hears, and a running local collection service.
 #pragma once
 
+#include <information_api/information_api.h>
 #include <information_api/windows_information_imp.h>
+#include <tools/collection_service/collection_service.h>
 
 #include <glog/logging.h>
 
-#include <QDateTime>
-#include <QDir>
-#include <QFile>
-#include <QFileInfo>
-#include <QJsonDocument>
-#include <QJsonObject>
-#include <QSettings>
-#include <QStringList>
-#include <QVariantMap>
-#include <QtGlobal>
-#include <QTemporaryDir>
-#include <QTest>
+#include <QtTest>
 
+#include <chrono>
+#include <functional>
+#include <memory>
 #include <mutex>
-#include <string>
 
 namespace test_support {
 
-// Makes a fresh temporary directory the process's working directory for its lifetime, so that
-// every test gets its own ./veltrainfo/ and ./res/.
+using namespace information_api;
+
+template <typename T> T locked_copy(std::mutex& mutex, const T& value)
+{
+    std::lock_guard<std::mutex> lock(mutex);
+    return value;
+}
+
+// The test deployment's application id, as the service expects it in "X-Auth-AppID".
+const char* const kAppId = "3c9d0a7e51b24f68e0a7c2d9b4f6e183";
+
+// Makes a fresh temporary directory the working directory while it lives: ./veltrainfo/, ./res/.
 class scoped_working_dir {
 public:
     scoped_working_dir() : previous_(QDir::currentPath()) { QDir::setCurrent(dir_.path()); }
     ~scoped_working_dir() { QDir::setCurrent(previous_); }
-    QString path() const { return dir_.path(); }
 
 private:
     QTemporaryDir dir_;
     QString previous_;
 };
 
-// Collects the text of every glog message (without glog's prefix) while it lives.
+// Collects every glog message's text (without glog's prefix) while it lives.
 class glog_capture : public google::LogSink {
 public:
     glog_capture() { google::AddLogSink(this); }
     ~glog_capture() override { google::RemoveLogSink(this); }
-
-    void send(google::LogSeverity, const char*, const char* base_filename, int,
-              const struct ::tm*, const char* message, size_t message_len) override
+    void send(google::LogSeverity, const char*, const char*, int, const struct ::tm*, const char* text,
+              size_t size) override
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        lines_ << QString::fromUtf8(message, int(message_len));
-        files_ << QString::fromUtf8(base_filename);
+        lines_ << QString::fromUtf8(text, int(size));
     }
-    QStringList lines() const
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return lines_;
-    }
-    QStringList files() const
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return files_;
-    }
+    QStringList lines() const { return locked_copy(mutex_, lines_); }
 
 private:
     mutable std::mutex mutex_;
     QStringList lines_;
-    QStringList files_;
 };
 
-// Collects the process's qDebug() messages while it lives: their texts, and each with where it
-// was logged from as "category|file|function|text".
+// Collects the process's qDebug() lines, from any thread, while it lives: each as its text and
+// as "category|file|function|text"; and Qt's warnings.
 class qdebug_capture {
 public:
     qdebug_capture() : previous_(qInstallMessageHandler(&handle)) { active() = this; }
@@ -76,16 +67,9 @@ public:
         qInstallMessageHandler(previous_);
         active() = nullptr;
     }
-    QStringList texts() const
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return texts_;
-    }
-    QStringList located() const
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return located_;
-    }
+    QStringList texts() const { return locked_copy(mutex_, texts_); }
+    QStringList located() const { return locked_copy(mutex_, located_); }
+    QStringList warnings() const { return locked_copy(mutex_, warnings_); }
 
 private:
     static qdebug_capture*& active()
@@ -93,25 +77,49 @@ private:
         static qdebug_capture* capture = nullptr;
         return capture;
     }
-    static void handle(QtMsgType type, const QMessageLogContext& context, const QString& text)
+    static void handle(QtMsgType type, const QMessageLogContext& where, const QString& text)
     {
         qdebug_capture* self = active();
-        if (type != QtDebugMsg || !self)
+        if (!self)
             return;
         std::lock_guard<std::mutex> lock(self->mutex_);
+        if (type == QtWarningMsg)
+            self->warnings_ << text;
+        if (type != QtDebugMsg)
+            return;
         self->texts_ << text;
-        self->located_ << QString("%1|%2|%3|%4").arg(context.category, context.file, context.function, text);
+        self->located_ << QString("%1|%2|%3|%4").arg(where.category, where.file, where.function, text);
     }
-
     QtMessageHandler previous_;
     mutable std::mutex mutex_;
-    QStringList texts_;
-    QStringList located_;
+    QStringList texts_, located_, warnings_;
 };
 
-// The current UTC time as records stamp their periods.
 inline QString utc_now() { return QDateTime::currentDateTimeUtc().toString("yyyy-MM-ddThh:mm:ssZ"); }
 
+// Writes `bytes` to `path`, creating its folders.
+inline void write_file(const QString& path, const QByteArray& bytes)
+{
+    QDir().mkpath(QFileInfo(path).path());
+    QFile file(path);
+    QVERIFY(file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size());
+}
+
+inline QByteArray read_file(const QString& path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<absent>");
+}
+
+// Writes an INI file (./res/system.ini, a record) holding `values` at top level.
+inline void write_ini(const QString& path, const QVariantMap& values)
+{
+    QSettings file(path, QSettings::IniFormat);
+    for (auto it = values.cbegin(); it != values.cend(); ++it)
+        file.setValue(it.key(), it.value());
+}
+
+// A record file as an uploader reads it: "data" and "type".
 struct record_file {
     QByteArray data;
     QString type;
@@ -124,78 +132,119 @@ inline record_file read_record(const QString& path)
     return {file.value("data").toByteArray(), file.value("type").toString()};
 }
 
-// Writes `bytes` to `path`, creating its folders.
-inline void write_file(const QString& path, const QByteArray& bytes)
-{
-    QDir().mkpath(QFileInfo(path).path());
-    QFile file(path);
-    QVERIFY(file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size());
-}
-
-// Writes an INI settings file (e.g. res/system.ini) holding `values` at top level.
-inline void write_ini(const QString& path, const QVariantMap& values)
-{
-    QSettings file(path, QSettings::IniFormat);
-    for (auto it = values.cbegin(); it != values.cend(); ++it)
-        file.setValue(it.key(), it.value());
-    file.sync();
-}
-
-// Record files in ./veltrainfo/, names only, sorted.
-inline QStringList record_files()
-{
-    return QDir("veltrainfo").entryList(QDir::Files | QDir::Hidden, QDir::Name);
-}
+// The names in ./veltrainfo/, sorted.
+inline QStringList record_files() { return QDir("veltrainfo").entryList(QDir::Files | QDir::Hidden, QDir::Name); }
 
 enum class kind { usage, calibration, share, structured_scan, flat_scan, feedback, score };
 
-// Writes one record of kind `k` carrying `text` in the field that the round-trip rows name, and
-// `pls` / `modular` as the module description where the builder takes them.
-// Returns the path the builder reports (void builders: the one file in ./veltrainfo/).
-inline QString write_kind(information_api::windows_information_imp& m, kind k, QString text, QStringList pls = {}, QString modular = "M")
+// Writes one record of kind `k` carrying `text` (in the usage record's module name, a calibration
+// step's result, a share's account, a scan's file name, a feedback's content or a score's
+// industry). Returns its path.
+inline QString write_kind(windows_information_imp& m, kind k, QString text)
 {
-    QString ver = "3.1", ple = "dev.ple", model = "K300", start = "S", end = "E";
+    QString ver = "3.1", ple = "dev.ple", model = "K300", start = "S", end = "E", modular = "M", a = "a@b.c";
+    QStringList steps{"m1"}, results{text}, pls;
+    _tag_scan_info scan;
+    scan.fileName = text;
     switch (k) {
-    case kind::usage:
-        m.create_usage_inifo(QString(), ple, ver, model, text, 0);
-        return m.usageFilePath;
-    case kind::calibration: {
-        QStringList mods{"m1"}, classes{"c1"}, starts{"s1"}, ends{"e1"}, results{text};
-        m.create_calibrate_inifo(mods, ver, ple, model, modular, pls, start, end, classes, starts, ends, results, 1);
+    case kind::usage: m.create_usage_inifo(QString(), ple, ver, model, text, 0); return m.usageFilePath;
+    case kind::calibration:
+        m.create_calibrate_inifo(steps, ver, ple, model, modular, pls, start, end, steps, steps, steps, results, 1);
         break;
+    case kind::share: m.create_share_inifo(ple, model, modular, start, end, a, a, text, 0); break;
+    case kind::structured_scan: m.add_scan_info(scan, 0); break;
+    case kind::flat_scan: m.create_scan_inifo(a, a, a, text, a, a, a, a, a, a, a, a, a, a, a, "9", 1); break;
+    case kind::feedback: return m.create_userfeedback_info(ple, ver, model, modular, pls, 0, a, a, text, pls);
+    case kind::score: return m.add_user_score("5", ple, ver, model, modular, text, 0);
     }
-    case kind::share: {
-        QString target = "wechat", name = "part.stl";
-        m.create_share_inifo(ple, model, modular, start, end, target, name, text, 0);
-        break;
+    return "./veltrainfo/" + record_files().value(0);  // the only record written so far
+}
+
+// Records every sink call, from whatever thread it comes, then runs `then` (if set) with the
+// connection id (-1 for the download calls): a host's own reaction, which may throw.
+class recording_sink : public information_sink {
+public:
+    struct report {
+        int id;
+        response_info_t info;
+        QThread* thread;
+        std::chrono::steady_clock::time_point at;
+    };
+    std::function<void(int)> then;
+
+    void on_response(int id, QVariant result) override
+    {
+        add([&] { reports_.push_back({id, result.value<response_info_t>(), QThread::currentThread(), now()}); }, id);
     }
-    case kind::structured_scan: {
-        information_api::_tag_scan_info info;
-        info.ple = ple;
-        info.modelName = model;
-        info.modular = modular;
-        info.startOn = start;
-        info.endOn = end;
-        info.fileName = text;
-        info.modularPles = pls;
-        m.add_scan_info(info, 0);
-        break;
+    void on_download_progress(qint64 received, qint64 total) override
+    {
+        add([&] { progress_.push_back({received, total}); }, -1);
     }
-    case kind::flat_scan: {
-        QString v = "v";
-        m.create_scan_inifo(v, v, v, text, v, v, v, v, v, v, v, v, v, v, v, "9", 1);
-        break;
+    void on_download_finished(bool success, int code, int net_error) override
+    {
+        add([&] { finished_ << QString("%1 %2 %3").arg(success).arg(code).arg(net_error); }, -1);
     }
-    case kind::feedback: {
-        QString email = "a@b.c", industry = "dental";
-        QStringList attachs;
-        return m.create_userfeedback_info(ple, ver, model, modular, pls, 0, email, industry, text, attachs);
+
+    std::vector<report> reports(int id) const
+    {
+        std::vector<report> all = locked_copy(mutex_, reports_);
+        all.erase(std::remove_if(all.begin(), all.end(), [id](const report& r) { return r.id != id; }), all.end());
+        return all;
     }
-    case kind::score:
-        return m.add_user_score("5", ple, ver, model, modular, text, 0);
+    std::size_t count(int id) const { return reports(id).size(); }
+    std::size_t total() const { return locked_copy(mutex_, reports_).size(); }
+    std::vector<std::pair<qint64, qint64>> progress() const { return locked_copy(mutex_, progress_); }
+    QStringList finished() const { return locked_copy(mutex_, finished_); }  // "success code net_error"
+
+private:
+    static std::chrono::steady_clock::time_point now() { return std::chrono::steady_clock::now(); }
+    template <typename Add> void add(Add record, int id)
+    {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            record();
+        }
+        if (then)
+            then(id);
     }
-    const QStringList files = record_files();
-    return files.size() == 1 ? "./veltrainfo/" + files.first() : QString();
+    mutable std::mutex mutex_;
+    std::vector<report> reports_;
+    std::vector<std::pair<qint64, qint64>> progress_;
+    QStringList finished_;
+};
+
+// information_init() for its lifetime, in a private working directory. Declare sinks before it:
+// connections may report until it ends.
+class library_session {
+public:
+    library_session() { information_init(); }
+    ~library_session() { information_clean(); }
+
+private:
+    scoped_working_dir dir_;
+};
+
+inline std::unique_ptr<collection::collection_service> start_service(collection::service_options options = {})
+{
+    auto service = std::make_unique<collection::collection_service>(options);
+    if (!service->start())
+        qFatal("collection service: %s", service->error().c_str());
+    return service;
+}
+
+inline collection::reply json_reply(const std::string& body, int status = 200)
+{
+    collection::reply r;
+    r.status = status;
+    r.body = body;
+    return r;
+}
+
+inline QString record_url(const collection::collection_service& service)
+{
+    return QString::fromStdString(service.base_url() + "/dtta");
 }
 
 }  // namespace test_support
+
+Q_DECLARE_METATYPE(collection::reply)

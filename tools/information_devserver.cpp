@@ -34,8 +34,10 @@ const char* const kDescription =
     "Data folder DIR:\n"
     "  ca.pem, cert.pem, key.pem    the local authority, the server's certificate (127.0.0.1,\n"
     "                               localhost) and its key (0600); made on first start\n"
-    "  received/N-KIND.json         accepted records, N counting up from 1\n"
-    "  uploads/ID-NAME              accepted files, ID the dfs_id answered\n"
+    "  received/N-KIND.json         accepted records, N counting in arrival order (on from the\n"
+    "                               last run's)\n"
+    "  uploads/N-ID-NAME            accepted files, numbered with the records; ID the dfs_id\n"
+    "  incoming/                    bodies still arriving (cleared at start)\n"
     "  files/PATH                   served as GET /files/PATH (installers)\n"
     "  software/NAME/interface.json served as GET /software/NAME/interface.json\n"
     "  url                          the URL it listens on\n"
@@ -45,16 +47,16 @@ const char* const kDescription =
     "\n"
     "Exit status: 0 stopped by SIGINT or SIGTERM, 1 cannot serve, 2 bad usage.";
 
-// Accepted records and files, oldest first.
+// Accepted records and files in arrival order: by the number they were stored under.
 int list(const fs::path& data_dir)
 {
-    std::vector<std::pair<fs::file_time_type, fs::path>> stored;
+    std::vector<std::pair<int, fs::path>> stored;
     for (const char* folder : {"received", "uploads"}) {
         std::error_code ec;
         for (const auto& entry : fs::directory_iterator(data_dir / folder, ec))
-            stored.emplace_back(entry.last_write_time(), fs::path(folder) / entry.path().filename());
+            stored.emplace_back(std::atoi(entry.path().filename().c_str()), fs::path(folder) / entry.path().filename());
     }
-    std::stable_sort(stored.begin(), stored.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
+    std::sort(stored.begin(), stored.end());
     for (const auto& file : stored)
         std::printf("%s (%ju bytes)\n", file.second.c_str(), std::uintmax_t(fs::file_size(data_dir / file.second)));
     return 0;
@@ -123,7 +125,8 @@ int main(int argc, char** argv)
     options.tls = !parser.isSet(http_option);
     options.max_body_size = max_body_mb << 20;
     options.store_received = true;  // bodies go to disk as they arrive
-    options.keep_limit = 4096;       // a long-running server keeps only a glimpse of each in memory
+    options.keep_limit = 4096;       // a long-running server keeps only a glimpse of each in memory,
+    options.keep_requests = false;   // and no request once it has been answered and logged
     options.on_answer = log_answer;
 
     collection::reply misbehaviour;

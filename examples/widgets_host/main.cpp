@@ -14,11 +14,6 @@
 
 int main(int argc, char** argv)
 {
-    QApplication app(argc, argv);
-    app.setApplicationName("example_widgets_host");
-    // Records are due by their age counted from this moment: without it nothing is ever sent.
-    app.setProperty("start_time", QDateTime::currentDateTime());
-
     QCommandLineParser parser;
     parser.setApplicationDescription(
         "Example Scan: records usage on your actions, uploads the due records once you agree, "
@@ -38,7 +33,16 @@ int main(int argc, char** argv)
         "ca-file", "Verify every server: its certificate chain must lead to one in FILE (PEM). "
                    "Without it, no certificate is checked.", "file");
     parser.addOptions({dir_option, service_option, installer_option, sha256_option, ca_option});
-    parser.process(app);  // --help, or a bad option: prints and exits
+    {
+        // --help, or a bad option, prints and exits before the application needs a display.
+        QCoreApplication console(argc, argv);
+        console.setApplicationName("example_widgets_host");
+        parser.process(console);
+    }
+    QApplication app(argc, argv);
+    app.setApplicationName("example_widgets_host");
+    // Records are due by their age counted from this moment: without it nothing is ever sent.
+    app.setProperty("start_time", QDateTime::currentDateTime());
 
     service_locations services;
     services.service_url = parser.value(service_option);

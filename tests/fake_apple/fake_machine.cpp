@@ -16,21 +16,13 @@
 #include <mutex>
 #include <stdexcept>
 
-static_assert(sizeof(CFIndex) == 8 && CFIndex(-1) < 0 && sizeof(CGDirectDisplayID) == 4 &&
-                  sizeof(io_object_t) == 4,
-              "a signed 64-bit CFIndex, 32-bit display ids and port names");
-static_assert(std::is_same<std::underlying_type_t<CFNumberType>, CFIndex>() &&
-                  std::is_same<std::underlying_type_t<CGError>, int32_t>(),
-              "CF_ENUM(CFIndex, CFNumberType) and CF_ENUM(int32_t, CGError)");
-static_assert(sizeof(vm_statistics64_data_t) == 152 && alignof(vm_statistics64_data_t) == 8 &&
-                  offsetof(vm_statistics64_data_t, total_uncompressed_pages_in_compressor) == 144 &&
-                  HOST_VM_INFO64_COUNT == 38,
-              "vm_statistics64 as in the macOS 14.2 SDK");
+// The one layout written out field by field; the collector hands the kernel its size.
+static_assert(sizeof(vm_statistics64_data_t) == 152 && HOST_VM_INFO64_COUNT == 38, "vm_statistics64 as in the SDK");
 
 namespace {
 
 using namespace fake_apple;
-constexpr CFTypeID any_cf = 63, any_io = io_iterator | io_service | io_display_port, or_null = 512;
+constexpr CFTypeID any_cf = 63, any_io = io_iterator | io_service | io_display_port;
 constexpr kern_return_t kern_failure = 5;
 constexpr host_t host_port = 0x103;
 
@@ -68,16 +60,13 @@ std::vector<size_t> members(const std::vector<value>& values)
     return handles;
 }
 
-// The live entry of one of `kinds`; with or_null, a fresh dead one for the null handle.
+// The live entry of one of `kinds`.
 #define TAKE(handle, kinds) use(handle, kinds, __func__)
 entry& use(const void* handle, CFTypeID kinds, const char* function)
 {
-    thread_local entry null;
     const auto i = size_t(handle) - 1;
     if (i < table.size() && table[i].alive && (table[i].v.type & kinds))
         return table[i];
-    if (!handle && (kinds & or_null))
-        return null = entry{value(), false, {}, false};
     const bool released = i < table.size() && !table[i].alive;
     throw std::logic_error(function + std::string(released ? ": used after its release" : ": not its kind"));
 }
@@ -89,13 +78,15 @@ void kill(entry& e)
         kill(table[member - 1]);
 }
 
-bool release(const void* handle, CFTypeID kinds, const char* function)  // false for the null handle
+// CFRelease(NULL) crashes; CGDisplayModeRelease and IOObjectRelease take the null handle calmly.
+void release(const void* handle, CFTypeID kinds, const char* function, bool nullIsHarmless = false)
 {
+    if (!handle && nullIsHarmless)
+        return;
     entry& e = use(handle, kinds, function);
-    if (handle && !e.owned)
+    if (!e.owned)
         throw std::logic_error(function + std::string(" of an object the caller does not own"));
     kill(e);
-    return handle;
 }
 
 const display& shown(CGDirectDisplayID id)
@@ -107,18 +98,6 @@ const display& shown(CGDirectDisplayID id)
 }
 
 const display& of(const entry& modeOrPort) { return shown(CGDirectDisplayID(modeOrPort.v.number)); }
-
-// A registry property of the service or, `upwards`, of its nearest ancestor that has one.
-CFTypeRef lookup(io_registry_entry_t service, CFStringRef key, bool upwards, const char* function)
-{
-    const auto& registry = now().registry;
-    const std::string& name = use(key, cf_string, function).v.bytes;
-    for (auto i = size_t(use(ref(service), io_service, function).v.number); i < registry.size();
-         i = upwards ? size_t(registry[i].parent) : SIZE_MAX)
-        if (registry[i].properties.count(name))
-            return ref(add(registry[i].properties.at(name), true));
-    return nullptr;
-}
 
 }  // namespace
 
@@ -251,7 +230,7 @@ CGSize CGDisplayScreenSize(CGDirectDisplayID display) { return shown(display).mi
 boolean_t CGDisplayIsMain(CGDirectDisplayID display) { return shown(display).isMain; }
 size_t CGDisplayModeGetWidth(CGDisplayModeRef m) { return of(TAKE(m, cg_display_mode)).mode->first; }
 size_t CGDisplayModeGetPixelWidth(CGDisplayModeRef m) { return of(TAKE(m, cg_display_mode)).mode->second; }
-void CGDisplayModeRelease(CGDisplayModeRef mode) { release(mode, cg_display_mode | or_null, __func__); }
+void CGDisplayModeRelease(CGDisplayModeRef mode) { release(mode, cg_display_mode, __func__, true); }
 
 CGDisplayModeRef CGDisplayCopyDisplayMode(CGDirectDisplayID display)
 {
@@ -286,15 +265,15 @@ CFMutableDictionaryRef IOServiceMatching(const char* name)
     return ref<CFMutableDictionaryRef>(add(cf_dictionary, true, members({"IOProviderClass", name})));
 }
 
-// Consumes `matching`; hands out no iterator when nothing matches.
+// Consumes `matching`; hands out the null iterator when nothing matches.
 kern_return_t IOServiceGetMatchingServices(mach_port_t, CFDictionaryRef matching, io_iterator_t* existing)
 {
-    const void* wanted = CFDictionaryGetValue(matching, CFSTR("IOProviderClass"));
-    const std::string name = TAKE(wanted, cf_string).v.bytes;
+    const std::string name = TAKE(CFDictionaryGetValue(matching, CFSTR("IOProviderClass")), cf_string).v.bytes;
     CFRelease(matching);
+    const auto& registry = now().registry;
     std::vector<size_t> found;
-    for (size_t i = 0; i < now().registry.size(); ++i)
-        if (std::count(mac.registry[i].classes.begin(), mac.registry[i].classes.end(), name))
+    for (size_t i = 0; i < registry.size(); ++i)
+        if (std::count(registry[i].classes.begin(), registry[i].classes.end(), name))
             found.push_back(i);
     *existing = found.empty() ? MACH_PORT_NULL : io_iterator_t(add(io_iterator, true, found));
     return KERN_SUCCESS;
@@ -302,15 +281,18 @@ kern_return_t IOServiceGetMatchingServices(mach_port_t, CFDictionaryRef matching
 
 io_object_t IOIteratorNext(io_iterator_t iterator)  // the null iterator is empty
 {
-    entry& it = TAKE(ref(iterator), io_iterator | or_null);
+    if (!iterator)
+        return MACH_PORT_NULL;
+    entry& it = TAKE(ref(iterator), io_iterator);
     const auto next = size_t(it.v.number++);
     return next < it.items.size() ? io_object_t(add(value(io_service, int64_t(it.items[next])), true))
                                   : MACH_PORT_NULL;
 }
 
-kern_return_t IOObjectRelease(io_object_t object)  // harmless for the null name, which the kernel refuses
+kern_return_t IOObjectRelease(io_object_t object)
 {
-    return release(ref(object), any_io | or_null, __func__) ? KERN_SUCCESS : kern_return_t(0xe00002c2);
+    release(ref(object), any_io, __func__, true);
+    return KERN_SUCCESS;
 }
 
 kern_return_t IOObjectGetClass(io_object_t object, io_name_t className)
@@ -320,16 +302,23 @@ kern_return_t IOObjectGetClass(io_object_t object, io_name_t className)
     return name.empty() ? kern_return_t(0xe00002bc) : KERN_SUCCESS;  // kIOReturnError
 }
 
-CFTypeRef IORegistryEntryCreateCFProperty(io_registry_entry_t entry, CFStringRef key, CFAllocatorRef,
+CFTypeRef IORegistryEntryCreateCFProperty(io_registry_entry_t entry, CFStringRef key, CFAllocatorRef allocator,
                                           IOOptionBits)
 {
-    return lookup(entry, key, false, __func__);
+    return IORegistryEntrySearchCFProperty(entry, kIOServicePlane, key, allocator, 0);
 }
 
-// Ancestors are searched only recursively and upwards, both bits set.
+// A property of the entry or, searched recursively and upwards (both bits), of its nearest ancestor with one.
 CFTypeRef IORegistryEntrySearchCFProperty(io_registry_entry_t entry, const io_name_t plane, CFStringRef key,
                                           CFAllocatorRef, IOOptionBits options)
 {
     const bool upwards = (options & kIORegistryIterateRecursively) && (options & kIORegistryIterateParents);
-    return std::strcmp(plane, kIOServicePlane) == 0 ? lookup(entry, key, upwards, __func__) : nullptr;
+    const bool servicePlane = std::strcmp(plane, kIOServicePlane) == 0;
+    const std::string& name = TAKE(key, cf_string).v.bytes;
+    const auto& registry = now().registry;
+    for (auto i = size_t(TAKE(ref(entry), io_service).v.number); servicePlane && i < registry.size();
+         i = upwards ? size_t(registry[i].parent) : SIZE_MAX)
+        if (registry[i].properties.count(name))
+            return ref(add(registry[i].properties.at(name), true));
+    return nullptr;
 }

@@ -43,10 +43,10 @@ struct display {
     std::string name;
     bool isMain = false;
     naming route = named;
-    CGRect bounds = {{0, 0}, {1920, 1080}};  // in points
-    size_t pixelsWide = 1920, pixelsHigh = 1080;
     CGSize millimetres = {600, 340};
     std::optional<std::pair<size_t, size_t>> mode = {{1920, 1920}};  // width in points, in pixels
+    CGRect bounds = {{0, 0}, {1920, 1080}};                           // in points
+    size_t pixelsWide = 1920, pixelsHigh = 1080;
 };
 
 struct registry_entry {

@@ -11,38 +11,28 @@
 
 using namespace information_api;
 
-namespace {
-
-void silence(QtMsgType, const QMessageLogContext&, const QString&) {}
-
-windows_information_imp* manager = nullptr;
-QString record_path;
-
-}  // namespace
-
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv)
 {
     static QCoreApplication app(*argc, *argv);
     static QTemporaryDir dir;
     QDir::setCurrent(dir.path());
-    qInstallMessageHandler(silence);
+    qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString&) {});
     FLAGS_minloglevel = 3;
     QCoreApplication::setApplicationName("information_uploader");  // no usage period
-    manager = new windows_information_imp;
-    record_path = dir.filePath("record.info2");
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    {
-        QFile file(record_path);
-        if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate))
-            __builtin_trap();
-        file.write(reinterpret_cast<const char*>(data), qint64(size));
-    }
+    static windows_information_imp manager;
+    static const QString record_path = QDir::current().filePath("record.info2");
+    QFile file(record_path);
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) ||
+        file.write(reinterpret_cast<const char*>(data), qint64(size)) != qint64(size))
+        __builtin_trap();
+    file.close();
     QString text = "kept", type = "kept";
-    const int result = manager->get_scan_info(record_path, text, type);
+    const int result = manager.get_scan_info(record_path, text, type);
     // The file exists: -1 means refused unread, and then both outputs are as they were.
     if (result != 0 && (result != -1 || text != "kept" || type != "kept"))
         __builtin_trap();

@@ -4,10 +4,10 @@ function(run)
   if(NOT rc EQUAL 0)
     message(FATAL_ERROR "failed (${rc}): ${ARGN}\n${out}")
   endif()
-  set(last_output "${out}" PARENT_SCOPE)
+  set(output "${output}${out}" PARENT_SCOPE)
 endfunction()
 
-file(REMOVE_RECURSE ${PREFIX} ${HOST_BUILD})
+file(REMOVE_RECURSE ${PREFIX})
 run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${PREFIX})
 
 # Only the public headers may be installed.
@@ -22,18 +22,21 @@ if(NOT headers STREQUAL expected)
   message(FATAL_ERROR "installed headers: ${headers}, expected: ${expected}")
 endif()
 
-# The host once through find_package, once through pkg-config.
+# The examples once through find_package, once through pkg-config; example_host tells the version
+# of the headers it was built with.
 file(GLOB_RECURSE pc_file ${PREFIX}/information_api.pc)
 get_filename_component(pc_dir "${pc_file}" DIRECTORY)
 set(ENV{PKG_CONFIG_PATH} "${pc_dir}")
 foreach(pkg_config OFF ON)
-  file(REMOVE_RECURSE ${HOST_BUILD})
-  run(${CMAKE_COMMAND} -S ${HOST_SOURCE} -B ${HOST_BUILD} -G ${GENERATOR}
-      -DCMAKE_PREFIX_PATH=${PREFIX} -DCMAKE_BUILD_TYPE=Release -DUSE_PKG_CONFIG=${pkg_config})
-  run(${CMAKE_COMMAND} --build ${HOST_BUILD})
-  file(MAKE_DIRECTORY ${HOST_BUILD}/work)
-  run(${HOST_BUILD}/consumer_host ${HOST_BUILD}/work)
-  if(NOT last_output MATCHES "information_api 1\\.[0-9]+\\.[0-9]+, usage record: ./veltrainfo/[0-9T-]+\\.info2")
-    message(FATAL_ERROR "unexpected host output:\n${last_output}")
+  file(REMOVE_RECURSE ${EXAMPLES_BUILD})
+  run(${CMAKE_COMMAND} -S ${EXAMPLES} -B ${EXAMPLES_BUILD} -G ${GENERATOR} -DCMAKE_PREFIX_PATH=${PREFIX}
+      -DUSE_PKG_CONFIG=${pkg_config})
+  run(${CMAKE_COMMAND} --build ${EXAMPLES_BUILD})
+  file(MAKE_DIRECTORY ${EXAMPLES_BUILD}/work)
+  set(output "")
+  run(${EXAMPLES_BUILD}/example_host --version)
+  run(${EXAMPLES_BUILD}/example_host ${EXAMPLES_BUILD}/work)
+  if(NOT output MATCHES "^example_host ${VERSION}\n.*the usage record, ./veltrainfo/[0-9T-]+\\.info2:")
+    message(FATAL_ERROR "unexpected example_host output:\n${output}")
   endif()
 endforeach()

@@ -199,14 +199,16 @@ public:
     bool is_open() const { return out_.is_open(); }
     void write(const char* data, std::size_t length) { out_.write(data, std::streamsize(length)); }
 
-    // Moves the complete file to `target`; false when it could not be written or moved.
+    // Moves the complete file to `target`, never over an existing file; false when it could not
+    // be written or moved.
     bool keep_as(const fs::path& target)
     {
         out_.close();
         std::error_code ec;
         fs::create_directories(target.parent_path(), ec);
-        if (out_.fail() || (fs::rename(path_, target, ec), ec))
+        if (out_.fail() || (fs::create_hard_link(path_, target, ec), ec))
             return false;
+        fs::remove(path_, ec);
         path_.clear();
         return true;
     }
@@ -557,7 +559,8 @@ void collection_service::impl::read(const httplib::Request& req, const httplib::
 void collection_service::impl::record(const received_request& request)
 {
     std::lock_guard<std::mutex> lock(mutex);
-    received.push_back(request);
+    if (options.keep_requests)
+        received.push_back(request);
     changed.notify_all();
 }
 
@@ -610,7 +613,8 @@ reply collection_service::impl::real_answer(incoming& in)
         // it from ever being "." or "..".
         const std::string dfs_id = fresh_id();
         const std::string name = reduced(file->filename.substr(file->filename.find_last_of("/\\") + 1), ".");
-        if (options.store_received && !in.spool.keep_as(fs::path(data_dir) / "uploads" / (dfs_id + "-" + name)))
+        const fs::path stored_as = fs::path(data_dir) / "uploads" / (std::to_string(++stored) + "-" + dfs_id + "-" + name);
+        if (options.store_received && !in.spool.keep_as(stored_as))
             r.body = answer("failed", quoted("cannot store the file"));
         else
             r.body = answer("success", R"({"dfs_id":")" + dfs_id + "\"}");
@@ -635,6 +639,7 @@ bool collection_service::impl::serve_file(const fs::path& relative, httplib::Res
         return false;
     const std::size_t size = std::size_t(fs::file_size(path, ec));
     auto file = std::make_shared<std::ifstream>(path, std::ios::binary);
+    res.status = 200;  // set before the body is sent, for whoever is told of the answer
     const bool json = path.extension() == ".json";
     res.set_content_provider(
         size, json ? "application/json" : "application/octet-stream",
@@ -756,6 +761,11 @@ bool collection_service::start()
     }
     std::error_code ec;
     fs::create_directories(d.data_dir, ec);
+    fs::remove_all(fs::path(d.data_dir) / "incoming", ec);  // what a killed run left half-written
+    // Records and uploads are numbered in arrival order, on from what an earlier run stored.
+    for (const char* folder : {"received", "uploads"})
+        for (const auto& entry : fs::directory_iterator(fs::path(d.data_dir) / folder, ec))
+            d.stored = std::max(d.stored.load(), std::atoi(entry.path().filename().c_str()));
     if (d.options.tls) {
         const std::string cert = d.data_dir + "/cert.pem";
         const std::string key = d.data_dir + "/key.pem";

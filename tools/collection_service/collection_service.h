@@ -79,9 +79,11 @@ struct service_options {
     // Connections served at most at once (silent ones hold one each); threads start as needed.
     std::size_t threads = 1024;
     // Keep what the service accepted: records as data_dir/received/<n>-<kind>.json, files as
-    // data_dir/uploads/<dfs_id>-<filename>, written while they arrive. The kind and file name
-    // are reduced to letters, digits, '_', '-' (and '.' in file names).
+    // data_dir/uploads/<n>-<dfs_id>-<filename>, written to data_dir/incoming/ while they arrive;
+    // n counts records and files in arrival order, on from an earlier run's. The kind and file
+    // name are reduced to letters, digits, '_', '-' (and '.' in file names).
     bool store_received = false;
+    bool keep_requests = true;  // keep every request for received(); false: only count them
     // Called once a request has been answered, with the status sent (from a serving thread).
     std::function<void(const received_request&, int status)> on_answer;
 };

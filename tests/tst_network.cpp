@@ -1,0 +1,492 @@
+// Every request end to end against the local collection service: what goes on the wire, what the
+// sink hears (on which thread, how often) and what a download leaves on disk, under the default
+// transport and with verification on; the time-out, the registry and the worker thread's lifecycle.
+#include "test_support.h"
+
+#include <information_api/http.h>
+#include <information_api/transport_security.h>
+
+#include <QTcpServer>
+#include <QTcpSocket>
+
+#include <atomic>
+#include <optional>
+#include <thread>
+
+using namespace test_support;
+using collection::reply;
+
+enum class server { https, http, tls13_only, forger, stopped };
+enum class policy { none, authority, authority_and_pin, wrong_pin, system_store };
+using request = std::function<void(const QString& base, information_sink* sink)>;
+Q_DECLARE_METATYPE(server)
+Q_DECLARE_METATYPE(policy)
+Q_DECLARE_METATYPE(request)
+
+class tst_network : public QObject {
+    Q_OBJECT
+private slots:
+    void initTestCase() { QLoggingCategory::setFilterRules("default.debug=false"); }  // 10 MB answers
+    void init_warms_the_network_stack();  // first: nothing may have warmed it before
+    void cleanup() { clear_transport_security(); }
+    void transport_settings();
+    void exchange_data();
+    void exchange();
+    void url_rule_on_a_raw_connection();
+    void timeout_repeats_until_released();
+    void registry();
+    void calls_from_inside_a_report();
+};
+
+namespace {
+
+const QString kBody = QString::fromUtf8(R"({"seriaNum":"扫描仪-1","q":"a\"b=c;d,e"})");
+const QByteArray kInstaller(3 << 20, 'i');
+
+request record(int timeout = 10000, QString base_suffix = "/dtta", QString type = "usage", QString app_id = kAppId)
+{
+    return [=](const QString& base, information_sink* sink) {
+        upload_information(base + base_suffix, kBody, app_id, type, sink, 1, timeout);
+    };
+}
+
+void write_attachment()
+{
+    QByteArray bytes;
+    for (int b = 0; b < 3 * 256; ++b)
+        bytes.append(char(b));
+    write_file("in/scan report.bin", bytes);
+}
+
+request file(QString path = "in/scan report.bin", int timeout = 10000)
+{
+    return [=](const QString& base, information_sink* sink) {
+        write_attachment();
+        upload_file(base + "/up", path, kAppId, "ignored", sink, 1, timeout);
+    };
+}
+
+request fetch(int timeout = 10000)
+{
+    return [=](const QString& base, information_sink* sink) { get_url_json_file(base, "scan", sink, 1, timeout); };
+}
+
+// downLoadApp into `target`, over a "previous" file and beside a stale temporary file if given.
+request download(QString target = "setup.exe", QByteArray stale_temp = {})
+{
+    return [=](const QString& base, information_sink* sink) {
+        if (!stale_temp.isEmpty())
+            write_file(target.chopped(4) + ".temp", stale_temp);
+        if (QFileInfo(target).dir().exists())
+            write_file(target, "previous");
+        downLoadApp(1, sink, base + "/files/app.exe", target);
+    };
+}
+
+// download_verified over "previous" app.exe, beside a leftover app.temp.
+request verified(QString target = "app.exe", QByteArray expected = kInstaller, int timeout = 1000)
+{
+    return [=](const QString& base, information_sink* sink) {
+        write_file("app.exe", "previous");
+        write_file("app.temp", "leftover");
+        const auto sha256 = QCryptographicHash::hash(expected, QCryptographicHash::Sha256).toHex();
+        QCOMPARE(download_verified(1, sink, base + "/files/app.exe", target, sha256, timeout), 0);
+    };
+}
+
+reply answer(std::string body, int status = 200, std::string type = "application/json")
+{
+    reply r = json_reply(body, status);
+    r.content_type = type;
+    return r;
+}
+
+const reply real = answer("", 0);  // status 0: the service's own behaviour
+
+// `r` with the base URL's scheme spelt otherwise.
+request via(QString scheme, request r)
+{
+    return [=](const QString& base, information_sink* sink) { r(QString(base).replace("https", scheme), sink); };
+}
+
+std::string nested(int depth) { return std::string(size_t(depth), '[') + std::string(size_t(depth), ']'); }
+
+time_t row_started;
+
+// What the service received, one request per line; a fetch's cache-defeating number shown as <t> when
+// it is rand() % 1000 after srand(time(nullptr)) in a second since the row started.
+QString wire(const collection::collection_service& service)
+{
+    QStringList lines;
+    for (const collection::received_request& r : service.received()) {
+        QString line = QString::fromStdString(r.method + " " + r.target);
+        for (time_t second = row_started; second <= time(nullptr); ++second)
+            srand(unsigned(second)), line.replace(QRegularExpression(QString("t=%1$").arg(rand() % 1000)), "t=<t>");
+        for (const auto& [name, value] : r.headers)
+            if (name.rfind("X-", 0) == 0 || name == "Content-Type" || name == "Cache-Control")
+                line += QString::fromStdString(" " + name + ": ") + QString::fromStdString(value).section(';', 0, r.parts.empty() ? -1 : 0);
+        for (const collection::received_part& p : r.parts)
+            line += QString::fromStdString(" [" + p.name + " " + p.filename + " " + p.content_type + " ") + QString::number(p.size) + "]";
+        lines << line + (r.parts.empty() && r.body_size ? " " + QString::fromStdString(r.body) : "");
+    }
+    return lines.join('\n');
+}
+
+// What the sink heard for connection 1, and what the working directory holds (but in/).
+QString told(const recording_sink& sink)
+{
+    QStringList said;
+    for (const auto& r : sink.reports(1)) {
+        const response_info_t& i = r.info;
+        said << QString("%1 %2 %3%4").arg(i.ok).arg(i.ret).arg(i.net_error).arg(i.msg.isEmpty() ? "" : " " + i.msg) +
+                    (i.result.isEmpty() ? "" : " result " + QString(i.result).replace(QRegularExpression("^[0-9a-f]{24}$"), "<id>")) +
+                    (i.content.isValid() ? " content " + i.content.toJsonDocument().toJson(QJsonDocument::Compact) : "");
+    }
+    for (const QString& f : sink.finished())
+        said << "finished " + f;
+    return said.join(" / ");
+}
+
+QString files()
+{
+    QStringList found;
+    for (QDirIterator it(".", QDir::Files | QDir::Hidden, QDirIterator::Subdirectories); it.hasNext();)
+        if (const QString path = it.next().mid(2); !path.startsWith("in/")) {
+            const QByteArray bytes = read_file(path);
+            found << path + "=" + (bytes.size() > 60 ? QString("<%1 bytes>").arg(bytes.size()) : QString(bytes));
+        }
+    found.sort();
+    return found.join(' ');
+}
+
+// A row's expectation ends with "..." where more of the same may follow.
+QString as_expected(const QString& actual, const QString& expected)
+{
+    return expected.endsWith("...") && actual.startsWith(expected.chopped(3)) ? expected : actual;
+}
+
+}  // namespace
+
+
+void tst_network::init_warms_the_network_stack()
+{
+    // Qt registers its network types with a process's first network access manager. The worker does
+    // that as it starts and information_init() waits for it: the host's first request neither pays
+    // for it nor races the worker over the registrations.
+    QCOMPARE(QMetaType::type("QPair<QByteArray,QByteArray>"), int(QMetaType::UnknownType));
+    library_session session;
+    QVERIFY(QMetaType::type("QPair<QByteArray,QByteArray>") != QMetaType::UnknownType);
+}
+
+void tst_network::transport_settings()
+{
+    scoped_working_dir dir;
+    write_file("no-certificate.pem", "");
+    QCOMPARE(set_trusted_certificates("missing.pem"), -1);
+    QCOMPARE(set_trusted_certificates("no-certificate.pem"), -1);
+    QCOMPARE(set_pinned_public_keys({"not base64!"}), -1);
+    QCOMPARE(set_pinned_public_keys({QString(QByteArray(31, 'x').toBase64())}), -1);
+    QCOMPARE(set_pinned_public_keys({}), 0);
+    QCOMPARE(download_verified(1, nullptr, "https://127.0.0.1:1/x", "x.bin", "abc", 1000), -1);
+    QCOMPARE(download_verified(1, nullptr, "https://127.0.0.1:1/x", "", QString(64, 'a'), 1000), -1);
+    QVERIFY(g_conn_manager.empty());  // nothing was started
+}
+
+void tst_network::exchange_data()
+{
+    QTest::addColumn<server>("kind");
+    QTest::addColumn<reply>("answer");
+    QTest::addColumn<policy>("settings");
+    QTest::addColumn<bool>("initialised");  // false: no worker, the caller's thread serves
+    QTest::addColumn<request>("call");
+    QTest::addColumn<QString>("sent");   // wire()
+    QTest::addColumn<QString>("heard");  // told()
+    QTest::addColumn<QString>("left");   // files()
+    const auto row = [](const char* name, server kind, reply a, policy p, request call, QString sent, QString heard,
+                        QString left = "", bool initialised = true) {
+        QTest::newRow(name) << kind << a << p << initialised << call << sent << heard << left;
+    };
+    const server https = server::https;
+    const policy none = policy::none, ca = policy::authority;
+    const QString post = "POST /dtta?type=usage Content-Type: application/json;charset=utf-8 X-Auth-AppID: " +
+                         QString(kAppId) + " " + kBody;
+    const QString ok = "1 0 0 Unknown error", refused = "0 10 -2 Unknown error";
+    const QString get = "GET /software/scan/interface.json?t=<t> Cache-Control: must-revalidate,max-age=0;no-store";
+    const QString up = "POST /up?category=feedback&bucket=pub Content-Type: multipart/form-data X-Auth-AppID: " +
+                       QString(kAppId) + " [file scan report.bin application/octet-stream 768]";
+    const QString app = "GET /files/app.exe";
+    const QString tls = "SSL handshake failed: The certificate is self-signed, and untrusted";
+    reply html = answer("<html><body><h1>500 Internal Server Error</h1></body></html>", 500, "text/html");
+    reply reset = answer(R"({"status":"success","result":")" + std::string(100000, 'r') + "\"}");
+    reset.reset_midway = true;
+    reply silent = answer(""), drip = answer(R"({"status":"success"})" + std::string(2000, ' '));
+    silent.silent = true;
+    drip.chunk_size = 100, drip.chunk_pause = std::chrono::milliseconds(40);  // 800 ms in all, never 200 ms silent
+    const reply installer = answer(kInstaller.toStdString(), 200, "application/octet-stream");
+
+    // Record uploads: the service's answers and the transport's failures.
+    row("accepted", https, real, none, record(), post, ok);
+    row("accepted over http", server::http, answer(R"({"status":"success","result":"x"})"), none, record(), post, ok);
+    row("refused with a reason", https, answer(R"({"status":"failed","result":"配额已满"})"), none, record(), post,
+        QString::fromUtf8("0 10 -2 配额已满"));
+    row("refused without a reason", https, answer(R"({"status":"failed"})"), none, record(), post, refused);
+    row("status spelled Success", https, answer(R"({"status":"Success"})"), none, record(), post, refused);
+    row("no status", https, answer(R"({"result":"why"})"), none, record(), post, "0 10 -2 why");
+    row("not JSON", https, answer("hello"), none, record(), post, refused);
+    row("empty answer", https, answer(""), none, record(), post, refused);
+    row("10 MB answer", https, answer(R"({"status":"success","result":")" + std::string(10u << 20, 'x') + "\"}"), none,
+        record(), post, ok);
+    row("nested 100000 deep", https, answer(R"({"status":"success","x":)" + nested(100000) + "}"), none, record(), post,
+        refused);
+    row("nested 400 deep is fine", https, answer(R"({"status":"success","x":)" + nested(400) + "}"), none, record(), post, ok);
+    row("HTML error page: reported twice", https, html, none, record(), post,
+        "0 7 401 / 0 7 401 Error transferring /dtta?type=usage - server replied: Internal Server Error");
+    row("reset mid-answer", https, reset, none, record(), post, "0 7 2 / 0 7 2 Connection closed");
+    row("connection refused", server::stopped, real, none, record(), "", "0 7 1 / 0 7 1 Connection refused");
+    row("TLS 1.3 only: TLS 1.2 is pinned", server::tls13_only, real, none, record(), "", "0 7 6 / 0 7 6 SSL handshake failed");
+    row("... for any spelling of https", server::tls13_only, real, none, via("hTtPs", record()), "", "0 7 6 / 0 7 6 SSL handshake failed");
+    row("a forger accepted for any spelling of https", server::forger, real, none, via("HTTPS", record()), post, ok);
+    row("empty app id and type, a space escaped", https, real, none, record(10000, "/dtta", "scan mode", ""),
+        QString(post).replace("type=usage", "type=scan%20mode").replace("X-Auth-AppID: " + QString(kAppId) + " ", ""),
+        "0 10 -2 unknown application id");
+    row("no sink", https, real, none, [](const QString& base, information_sink*) { record()(base, nullptr); }, post, "");
+    row("without init, on the caller's thread", https, real, none, record(), post, ok, "", false);
+    row("a drip slower than the time-out", https, drip, none, record(200), post, ok);
+    row("silent: a time-out every interval", https, silent, none, record(100), post,
+        "0 6 -1 timeout / 0 6 -1 timeout / 0 6 -1 timeout...");
+    row("from a thread Qt did not start: the time-out runs on the worker", https, silent, none,
+        [](const QString& base, information_sink* sink) { std::thread([&] { record(50)(base, sink); }).join(); }, post,
+        "0 6 -1 timeout / 0 6 -1 timeout...");
+    for (bool initialised : {true, false}) {  // a request that fails at once has no time-out after its end
+        const char* where = initialised ? "worker" : "caller's thread";
+        for (const auto& [what, call] : {std::pair{"upload", record(50)}, {"file", file("in/scan report.bin", 50)}, {"fetch", fetch(50)}})
+            row(qPrintable(QString("unknown scheme, %1, %2").arg(what, where)), https, real, none, via("unknown", call), "",
+                QString(what == QString("file") ? "" : "0 7 301 / ") + "0 7 301 Protocol \"unknown\" is unknown", "", initialised);
+    }
+
+    // Attachments: one part, the last path component, only the first header; the stored file's id.
+    row("file stored", https, real, none, file(), up, ok + " result <id>");
+    row("file stored without an id", https, answer(R"({"status":"success","result":{}})"), none, file(), up, ok);
+    row("file refused: the reason is not passed on", https, answer(R"({"status":"failed","result":"too big"})"), none,
+        file(), up, refused);
+    row("file not JSON", https, answer("<html></html>"), none, file(), up, refused);
+    row("missing file: nothing sent", https, real, none, file("no/such/file.zip"), "", "");
+    row("fields first, in key order, cut at NUL; only the first header", https, real, none,
+        [](const QString& base, information_sink* sink) {
+            write_attachment();
+            auto* connector = new http_connector(1, sink, nullptr);
+            g_conn_manager[1] = connector;
+            connector->send_multipart_request("/up", "in/scan report.bin", {{"size", "12"}, {"name", QString("x") + QChar(0) + "y"}},
+                                              {{"X-B", "2"}, {"X-A", "1"}}, 5000, base);
+            connector->moveToThread(g_api_thread);
+        }, "POST /up Content-Type: multipart/form-data X-A: 1 [name   1] [size   2] [file scan report.bin application/octet-stream 768]",
+        ok + " result <id>");
+
+    // The interface file: fetched past every cache; an empty document, array or object is no interface.
+    row("interface object", https, answer(R"({"version":"2.1","notes":["a"]})"), none, fetch(), get,
+        ok + R"( content {"notes":["a"],"version":"2.1"})");
+    row("interface array of one", https, answer("[1]"), none, fetch(), get, ok + " content [1]");
+    row("interface empty array", https, answer("[]"), none, fetch(), get, refused);
+    row("interface empty object", https, answer("{}"), none, fetch(), get, refused);
+    row("interface not JSON", https, answer("version=2"), none, fetch(), get, refused);
+    row("interface nested 100000 deep", https, answer(nested(100000)), none, fetch(), get, refused);
+    row("interface missing", https, real, none, fetch(), get, "0 7 203 / 0 7 203 ...");
+
+    // downLoadApp: through <target minus four characters>.temp, reporting only success.
+    const QString done = "finished 1 0 0";
+    row("installer", https, installer, none, download(), app, done, "setup.exe=<3145728 bytes>");
+    row("a stale temporary file is appended to", https, answer("NEW", 200, "application/octet-stream"), none,
+        download("setup.pkg", "OLD"), app, done, "setup.pkg=OLDNEW");
+    row("zero-byte installer: success, no file", https, answer("", 200, "application/octet-stream"), none, download(), app,
+        done, "");
+    row("target cannot be written: success", https, installer, none, download("no-such-dir/app.exe"), app, done, "");
+    row("404: the error page kept, no report", https, real, none, download("a.b"), app, "",
+        ".temp=<html><body><h1>404 Not Found</h1></body></html>");  // the target deleted first
+    row("refused: no report", server::stopped, real, none, download(), "", "", "");
+
+    // Opt-in verification: the chain, the host name, pins, https only; refused before a byte of the request.
+    row("default: a forger accepted", server::forger, real, none, record(), post, ok);
+    row("the right chain", https, real, ca, record(), post, ok);
+    row("the right chain and pin", https, real, policy::authority_and_pin, file(), up, ok + " result <id>");
+    row("forger refused: record", server::forger, real, ca, record(), "", "0 7 6 / 0 7 6 " + tls);
+    row("forger refused: interface", server::forger, real, ca, fetch(), "", "0 7 6 / 0 7 6 " + tls);
+    row("forger refused: download", server::forger, installer, ca, download(), "", "", "");
+    row("forger refused: verified download", server::forger, installer, ca, verified(), "", "finished 0 7 6",
+        "app.exe=previous app.temp=leftover");
+    row("pinned out: record", https, real, policy::wrong_pin, record(), "", "0 7 6 / 0 7 6 public key pin mismatch");
+    row("pinned out: file", https, real, policy::wrong_pin, file(), "", "0 7 6 public key pin mismatch");
+    row("plain http refused unsent", server::http, real, ca, record(), "",
+        "0 7 302 refused to send: only https is allowed while server verification is on");
+    row("the system store knows no local authority", https, real, policy::system_store, fetch(), "", "0 7 6 / 0 7 6 ...");
+
+    // download_verified: committed only for a 2xx answer with the right SHA-256; exactly one end.
+    const QString kept = "app.exe=previous app.temp=leftover";
+    row("verified", https, installer, none, verified(), app, "finished 1 0 0", "app.exe=<3145728 bytes> app.temp=leftover");
+    row("verified, pinned", https, installer, policy::authority_and_pin, verified(), app, "finished 1 0 0",
+        "app.exe=<3145728 bytes> app.temp=leftover");
+    row("hash mismatch", https, installer, none, verified("app.exe", "other"), app, "finished 0 9 0", kept);
+    row("404", https, real, none, verified(), app, "finished 0 7 203", kept);
+    row("folder cannot be written", https, installer, none, verified("no-such-dir/app.exe"), "", "finished 0 8 0", kept);
+    row("silent server", https, silent, none, verified(), app, "finished 0 6 -1", kept);
+    reply redirect = answer("", 302);
+    redirect.headers = {{"Location", "http://127.0.0.1:1/files/app.exe"}};
+    row("redirect off https", https, redirect, none, verified(), app, "finished 0 7 11", kept);
+}
+
+void tst_network::exchange()
+{
+    QFETCH(server, kind);
+    QFETCH(reply, answer);
+    QFETCH(policy, settings);
+    QFETCH(bool, initialised);
+    QFETCH(request, call);
+    QFETCH(QString, sent);
+    QFETCH(QString, heard);
+    QFETCH(QString, left);
+    recording_sink sink;
+    sink.then = [](int) { throw std::runtime_error("host bug"); };  // a faulty host: later reports still come
+    std::optional<library_session> session;
+    std::optional<scoped_working_dir> dir;
+    initialised ? (void)session.emplace() : (void)dir.emplace();
+    QThread* const reporter = initialised ? g_api_thread : QThread::currentThread();
+
+    const auto genuine = start_service();
+    collection::service_options options;
+    options.tls = kind != server::http;
+    options.tls13_only = kind == server::tls13_only;
+    options.self_signed = kind == server::forger;
+    const auto other = kind == server::https ? std::unique_ptr<collection::collection_service>() : start_service(options);
+    collection::collection_service& service = other ? *other : *genuine;
+    if (answer.status != 0)
+        service.answer_all(answer);
+    const QString base = QString::fromStdString(service.base_url());
+    if (kind == server::stopped)
+        service.stop();
+    const QString pin = QString::fromStdString(genuine->public_key_pin()), fake_pin = QByteArray(32, 'x').toBase64();
+    if (settings != policy::none)
+        QCOMPARE(set_trusted_certificates(settings == policy::system_store ? "" : QString::fromStdString(genuine->data_dir() + "/ca.pem")), 0);
+    if (settings == policy::authority_and_pin || settings == policy::wrong_pin)
+        QCOMPARE(set_pinned_public_keys(settings == policy::wrong_pin ? QStringList{fake_pin} : QStringList{fake_pin, pin}), 0);
+
+    qdebug_capture capture;  // no Qt warning either
+    row_started = time(nullptr);
+    call(base, &sink);
+    QTRY_COMPARE_WITH_TIMEOUT(wire(service).replace(base, ""), sent, 20000);
+    QTRY_COMPARE_WITH_TIMEOUT(as_expected(told(sink).replace(base, ""), heard), heard, 20000);
+    QTRY_COMPARE_WITH_TIMEOUT(files(), left, 20000);
+    QTest::qWait(100);  // and nothing more follows
+    QCOMPARE(as_expected(told(sink).replace(base, ""), heard), heard);
+    QCOMPARE(wire(service).replace(base, ""), sent);
+    for (const auto& r : sink.reports(1))
+        QCOMPARE(r.thread, reporter);
+    const auto progress = sink.progress();
+    for (std::size_t i = 1; i < progress.size(); ++i)
+        QVERIFY(progress[i].first >= progress[i - 1].first && progress[i].first <= progress[i].second);
+    QCOMPARE(capture.warnings().join('\n'), QString());
+    release_connect(1);
+}
+
+void tst_network::url_rule_on_a_raw_connection()
+{
+    // Every parameter is introduced by '?', and an empty header value is sent: a raw listener sees
+    // the request line as sent, where an HTTP server library would reject or normalise it.
+    QTcpServer listener;
+    QVERIFY(listener.listen(QHostAddress::LocalHost));
+    QByteArray raw;
+    connect(&listener, &QTcpServer::newConnection, [&] {
+        QTcpSocket* socket = listener.nextPendingConnection();
+        connect(socket, &QTcpSocket::readyRead, [&raw, socket] { raw += socket->readAll(); });
+    });
+    http_connector connector(1, nullptr, nullptr);  // stays on this thread, served by QTRY's loop
+    connector.send_request("/dtta", "{}", {{"b", "2"}, {"a", "1"}}, 5000, "records", false, {{"X-Auth-AppID", ""}},
+                           "http://127.0.0.1:" + std::to_string(listener.serverPort()));
+    QTRY_VERIFY(raw.contains("\r\n\r\n{}"));
+    QCOMPARE(raw.left(raw.indexOf("\r\n")), QByteArray("POST /dtta/records?a=1?b=2 HTTP/1.1"));
+    QVERIFY(raw.contains("\r\nX-Auth-AppID: \r\n"));
+}
+
+void tst_network::timeout_repeats_until_released()
+{
+    recording_sink sink;
+    library_session session;
+    auto service = start_service();
+    service->answer_all([] { reply r; r.silent = true; return r; }());
+    upload_information(record_url(*service), "{}", kAppId, "usage", &sink, 2, 100);
+    QPointer<http_connector> connector = g_conn_manager.at(2);
+    std::atomic<std::size_t> reports_at_destruction{0};
+    connect(connector, &QObject::destroyed, [&] { reports_at_destruction = sink.count(2); });
+    QTRY_VERIFY(sink.count(2) >= 3);
+    const auto reports = sink.reports(2);
+    for (std::size_t i = 1; i < reports.size(); ++i)  // every interval, not faster
+        QVERIFY(reports[i].at - reports[i - 1].at >= std::chrono::milliseconds(80));
+    QCOMPARE(service->received_count(), std::size_t(1));  // the request is left running
+    QCOMPARE(release_connect(2), 0);
+    QTRY_VERIFY(connector.isNull());
+    QCOMPARE(sink.count(2), reports_at_destruction.load());
+}
+
+void tst_network::registry()
+{
+    scoped_working_dir dir;
+    QCOMPARE(information_clean(), 0);  // without init: nothing to do
+    QCOMPARE(release_connect(0), -1);  // empty registry
+    VeltraInfoMgr* manager = information_init();
+    QVERIFY(manager && information_init() == manager && g_api_thread->isRunning());
+    for (int id : {-5, 0, 8})
+        upload_information("https://127.0.0.1:1", "{}", kAppId, "t", nullptr, id, 5000);
+    http_connector* first = g_conn_manager.at(8);
+    upload_information("https://127.0.0.1:1", "{}", kAppId, "t", nullptr, 8, 5000);  // takes over the entry
+    QVERIFY(g_conn_manager.size() == 3 && g_conn_manager.at(8) != first);
+    first->deleteLater();  // unreachable through the registry now
+    QCOMPARE(release_connect(1), -1);
+    QCOMPARE(release_connect(-5), 0);
+    QCOMPARE(release_connect(-5), -1);
+    QThread* worker = g_api_thread;
+    QCOMPARE(information_clean(), 0);
+    QVERIFY(worker->isFinished() && g_conn_manager.empty() && !g_api_thread && !g_information);
+    QVERIFY(information_init());  // the library can start again
+    QCOMPARE(information_clean(), 0);
+}
+
+void tst_network::calls_from_inside_a_report()
+{
+    recording_sink sink;
+    scoped_working_dir dir;
+    information_init();
+    auto service = start_service();
+    // A host ends each connection from its own report while its thread opens more.
+    std::atomic<int> released{0};
+    sink.then = [&](int id) { released += release_connect(id) == 0; };
+    int opened = 0;
+    while (released < 50 && opened < 500)
+        upload_information(record_url(*service), "{}", kAppId, "usage", &sink, opened++, 5000);
+    QTRY_COMPARE_WITH_TIMEOUT(released.load(), opened, 60000);
+
+    // ... or ends the library from a report (the first of a refused request's two): no report
+    // follows, not even that request's second, and the library can start again.
+    auto gone = start_service();
+    const QString refused = record_url(*gone);
+    gone->stop();
+    std::atomic<std::size_t> after_clean{0};
+    sink.then = [&](int id) {
+        if (id == 3019 && after_clean == 0)
+            information_clean(), after_clean = sink.total();
+    };
+    qdebug_capture capture;
+    for (int id = 3000; id < 3020; ++id)
+        upload_information(refused, "{}", kAppId, "usage", &sink, id, 5000);
+    QTRY_VERIFY(after_clean > 0);
+    QTest::qWait(200);
+    QCOMPARE(capture.warnings().join('\n'), QString());
+    QCOMPARE(sink.total(), after_clean.load());
+    QCOMPARE(sink.count(3019), std::size_t(1));
+    QVERIFY(!g_api_thread && !g_information && g_conn_manager.empty());
+    sink.then = nullptr;
+    QVERIFY(information_init());
+    upload_information(record_url(*service), "{}", kAppId, "usage", &sink, 4000, 5000);
+    QTRY_VERIFY(sink.count(4000) == 1 && sink.reports(4000).front().info.ok);
+    information_clean();
+}
+
+QTEST_GUILESS_MAIN(tst_network)
+#include "tst_network.moc"

@@ -1,0 +1,537 @@
+// The record manager: each builder's file, its record and what it keeps for later records; reading
+// records back; the upload configuration; which records are due and which expire.
+#include "test_support.h"
+
+#include <cstdio>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace test_support;
+using manager_ptr = std::unique_ptr<windows_information_imp>;
+// Writes records with a row's manager (which it may replace or end); returns the path to check.
+using step = std::function<QString(manager_ptr&)>;
+Q_DECLARE_METATYPE(step)
+
+namespace {
+
+QJsonValue parse(const QString& json) { return QJsonDocument::fromJson(("[" + json + "]").toUtf8()).array().at(0); }
+QString compact(const QJsonValue& v) { return QJsonDocument(QJsonArray{v}).toJson(QJsonDocument::Compact).mid(1).chopped(1); }
+
+// A record's keys unless a row names them: the identity and period the steps below give.
+const char* const kEnvelope = R"({"modelName":"K300","seriaNum":"","softwareName":"","softwareVer":"3.1",
+    "startOn":"S","endOn":"E","enableGuide":"no","modularExt":{"ple":"dev.ple"},
+    "osSoftExt":{"osName":"","lang":"","resolution":"","installPath":"","browser":{"name":"","ver":""}},
+    "osHdExt":{"cpu":[{"cpuCores":0,"cpuModel":""}],"memSize":0,"gpu":[],"hddSize":0,"hddRemainSize":0}})";
+
+// The manager's fields that later records carry.
+QString stored_fields(const windows_information_imp* m)
+{
+    return m ? QStringList{m->startOn, m->endOn, m->ple, m->modelName, m->softwareVer, m->modular,
+                           m->modularPles.join(','), QString::number(m->enableGuide), m->seriaNum}.join('|')
+             : "ended";
+}
+
+// `text` with every UTC stamp made since `since` shown as <now>.
+QString stamped(QString text, const QString& since)
+{
+    static const QRegularExpression stamp(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ)");
+    const QString until = utc_now();
+    for (auto it = stamp.globalMatch(QString(text)); it.hasNext();)
+        if (const QString s = it.next().captured(); s >= since && s <= until)
+            text.replace(s, "<now>");
+    return text;
+}
+
+QString only_record() { return "./veltrainfo/" + record_files().value(0); }
+
+// Steps that write one record each; their identity is dev.ple / K300 / 3.1 / M, their period S / E.
+step usage(QString start = "", int guide = 0, QString modular = "")
+{
+    return [=](manager_ptr& m) mutable {
+        QString ple = "dev.ple", ver = "3.1", model = "K300";
+        m->create_usage_inifo(start, ple, ver, model, modular, guide);
+        return m->usageFilePath;
+    };
+}
+
+step calibration(QStringList classes, QStringList pls)
+{
+    return [=](manager_ptr& m) mutable {
+        QStringList mods{"m1", "m2"}, starts{"s1", "s2"}, ends{"e1"}, results{"ok"};
+        QString ver = "3.1", ple = "dev.ple", model = "K300", modular = "M", start = "S", end = "E";
+        m->create_calibrate_inifo(mods, ver, ple, model, modular, pls, start, end, classes, starts, ends, results, 1);
+        return only_record();
+    };
+}
+
+// ... but a share's identity is share.ple / K400 / S, its period S2 / E2: it takes no version.
+step share()
+{
+    return [](manager_ptr& m) {
+        QString ple = "share.ple", model = "K400", modular = "S", start = "S2", end = "E2", t = "t", n = "n", a = "a";
+        m->create_share_inifo(ple, model, modular, start, end, t, n, a, 0);
+        return only_record();
+    };
+}
+
+step scan(std::function<void(_tag_scan_info&)> fill)
+{
+    return [=](manager_ptr& m) {
+        _tag_scan_info info;
+        info.ple = "dev.ple", info.modelName = "K300", info.modular = "M", info.startOn = "S", info.endOn = "E";
+        fill(info);
+        m->add_scan_info(info, 0);
+        return only_record();
+    };
+}
+
+step feedback(QString ple, QStringList pls = {"P"}, QString modular = "M")
+{
+    return [=](manager_ptr& m) mutable {
+        QString ver = "3.1", model = "K300", email = "u@x.y", industry = "dental", text = "fine";
+        QStringList attachs{"a.png", QString::fromUtf8("图.jpg")};
+        return m->create_userfeedback_info(ple, ver, model, modular, pls, 1, email, industry, text, attachs);
+    };
+}
+
+step score(QString value, QString ple)
+{
+    return [=](manager_ptr& m) {
+        QString model = "K300", modular = "M";
+        return m->add_user_score(value, ple, "3.1", model, modular, "dental", 0);
+    };
+}
+
+step then(step first, step second)
+{
+    return [=](manager_ptr& m) {
+        QFile::remove(first(m));  // records of one second share a name
+        return second(m);
+    };
+}
+
+}  // namespace
+
+class tst_records : public QObject {
+    Q_OBJECT
+private slots:
+    void init() { dir_ = std::make_unique<scoped_working_dir>(); }
+    void cleanup()
+    {
+        dir_.reset();
+        QCoreApplication::setApplicationName("tst_records");
+        QCoreApplication::instance()->setProperty("start_time", QVariant());
+    }
+
+    void builders_data();
+    void builders();
+    void file_bytes_and_trace_line();
+    void get_scan_info_data();
+    void get_scan_info();
+    void upload_config_data();
+    void upload_config();
+    void due_and_expired_data();
+    void due_and_expired();
+
+private:
+    std::unique_ptr<scoped_working_dir> dir_;
+};
+
+void tst_records::builders_data()
+{
+    QTest::addColumn<step>("write");
+    QTest::addColumn<QString>("files");   // the record folder's names, a pattern
+    QTest::addColumn<QString>("type");    // of the record written, "" for none
+    QTest::addColumn<QString>("record");  // its keys that differ from kEnvelope
+    QTest::addColumn<QString>("stored");  // the manager's fields afterwards
+    QTest::addColumn<QString>("log");     // glog lines, then qDebug lines
+    const auto row = [](const char* name, step write, QString files, QString type, QString record, QString stored,
+                        QString log) { QTest::newRow(name) << write << files << type << record << stored << log; };
+    const QString usage_file = R"(\d{4}-\d\d-\d\dT\d\d-\d\d-\d\d\.info2)", utc_file = R"(\d{4}-\d\d-\d\dT\d\d-\d\d-\d\dZ\.info2)";
+    const QString usage_log = "create_usage_inifo 0|modular=modular_ple.size=0|create_usage_inifo 1", now = "<now>|<now>|";
+    const QString now_usage = R"({"tracingType":"usage","startOn":"<now>","endOn":"<now>")", ended = "|debug ~windows_information_imp";
+
+    row("usage: identity, machine numbers converted, fewer GPU sizes than models", [](manager_ptr& m) {
+            m->setSoftwareName("Studio"), m->setDeviceSerial("SN1"), m->set_sn("ignored");
+            m->cpuCores = "4294967297", m->cpuModel = "cpu", m->memSize = "17179869184", m->hddSize = "disk";
+            m->hddRemainSize = " -5 ", m->gpuModels = QStringList{"A", "B"}, m->gpuMemSizes = QStringList{"4096"};
+            return usage()(m);
+        }, usage_file, "usage", now_usage + R"(,"softwareName":"Studio","seriaNum":"SN1","osHdExt":{"cpu":[{"cpuCores":0,
+            "cpuModel":"cpu"}],"memSize":17179869184,"gpu":[{"gpuModel":"A","gpuMemSize":4096},{"gpuModel":"B"}],"hddSize":0,
+            "hddRemainSize":-5}})", now + "dev.ple|K300|3.1|||0|SN1", usage_log);
+    row("usage: guide 1, a module without profiles", [](manager_ptr& m) {
+            m->modularPles = QStringList{"stale"};
+            return usage("", 1, "M")(m);
+        }, usage_file, "usage", now_usage + R"(,"enableGuide":"yes","modularExt":{"ple":"dev.ple","modular":[{"name":"M",
+            "sn":"","mple":""}]}})", now + "dev.ple|K300|3.1|M||1|", "create_usage_inifo 0|modular=Mmodular_ple.size=0|create_usage_inifo 1");
+    row("usage: guide 2 is no; a later call rewrites the file, with a start of its own, not stored", [](manager_ptr& m) {
+            QString ple = "first.ple", ver = "1", model = "K1", modular = "first";
+            m->create_usage_inifo("", ple, ver, model, modular, 1);
+            return usage("not a time", 2)(m);
+        }, usage_file, "usage", R"({"tracingType":"usage","startOn":"not a time","endOn":"<now>"})",
+        now + "dev.ple|K300|3.1|||2|", "create_usage_inifo 0|modular=firstmodular_ple.size=0|create_usage_inifo 1|" + usage_log);
+    row("usage: the end time written as the manager ends", [](manager_ptr& m) {
+            const QString path = usage()(m);
+            m->usageRecord["endOn"] = "stale", m->usageRecord["marker"] = 42;  // rewritten from the record in memory
+            return m.reset(), path;
+        }, usage_file, "usage", now_usage + R"(,"marker":42})", "ended", usage_log + ended);
+    row("usage: a manager without one writes nothing as it ends", [](manager_ptr& m) { return m.reset(), QString(); },
+        "", "", "", "ended", ended.mid(1));
+    row("usage: the uploader's manager starts no period", [](manager_ptr& m) {
+            QCoreApplication::setApplicationName("information_uploader");
+            return m = std::make_unique<windows_information_imp>(), usage()(m);
+        }, R"(\.info2)", "usage", R"({"tracingType":"usage","startOn":"","endOn":""})", "||dev.ple|K300|3.1|||0|",
+        usage_log + ended);
+
+    row("calibration: shorter lists leave fields empty", calibration({"c1", "c2", "c3"}, {"P"}), utc_file, "calibration",
+        R"({"tracingType":"calibration","enableGuide":"yes","content":[
+            {"classsify":"c1","startOn":"s1","endOn":"e1","result":"ok","modular":"m1"},
+            {"classsify":"c2","startOn":"s2","endOn":"","result":"","modular":"m2"},
+            {"classsify":"c3","startOn":"","endOn":"","result":"","modular":""}],
+            "modularExt":{"ple":"dev.ple","modular":[{"name":"M","sn":"","mple":"P"}]}})",
+        "S|E|dev.ple|K300|3.1|M|P|1|", "modular=Mdevice_ex_ple.size=1|modular=Mmodular_ple.size=1");
+    row("calibration: no categories, no steps; the first empty profile listed, later ones skipped",
+        calibration({}, {"", "A", "", "B"}), utc_file, "calibration", R"({"tracingType":"calibration","enableGuide":"yes",
+            "content":[],"modularExt":{"ple":"dev.ple","modular":[{"name":"M","sn":"","mple":""},{"name":"M","sn":"",
+            "mple":"A"},{"name":"M","sn":"","mple":"B"}]}})",
+        "S|E|dev.ple|K300|3.1|M|,A,,B|1|", "modular=Mdevice_ex_ple.size=4|modular=Mmodular_ple.size=4");
+    row("share: its own identity, the version and profiles stored before", then(calibration({}, {"P1", "P2"}), share()),
+        utc_file, "share", R"({"tracingType":"share","modelName":"K400","startOn":"S2","endOn":"E2","content":{"target":"t",
+            "name":"n","account":"a"},"modularExt":{"ple":"share.ple","modular":[{"name":"S","sn":"","mple":"P1"},
+            {"name":"S","sn":"","mple":"P2"}]}})", "S2|E2|share.ple|K400|3.1|S|P1,P2|0|",
+        "modular=Mdevice_ex_ple.size=2|modular=Mmodular_ple.size=2|modular=Smodular_ple.size=2");
+    row("usage after a share: its period carried, profiles emptied", then(then(calibration({}, {"P"}), share()), usage()),
+        usage_file, "usage", R"({"tracingType":"usage","startOn":"S2","endOn":"E2"})", "S2|E2|dev.ple|K300|3.1|||0|",
+        "modular=Mdevice_ex_ple.size=1|modular=Mmodular_ple.size=1|modular=Smodular_ple.size=1|" + usage_log);
+
+    const QString scan_file = R"(\d{4}-\d\d-\d\dT\d\d-\d\d-(0?(\d\d?))\.\1\2Z\.info2)";  // "ss.sss": the seconds twice
+    const QString scan_log = "add_scan_info this->softwareVer = |modular=Mmodular_ple.size=0";
+    row("scan: modes, alignment lists, box in single precision", scan([](_tag_scan_info& i) {
+            i.modes = {{"ms", "me", "hd", "8", "on", {"marker", "feature"}, "turntable"}, {}};
+            i.texture = "tx", i.totalPoint = "1200", i.pointDis = "0.2", i.length = "0.1", i.width = "2", i.height = "0.3";
+            i.handHeldPointGenWay = "hw", i.meshType = "watertight", i.fileName = "a.stl";
+        }), scan_file, "scan", R"({"tracingType":"scan","softwareVer":"","modularExt":{"ple":"dev.ple","modular":[{"name":"M",
+            "sn":"","mple":""}]},"content":{"mode":[{"startOn":"ms","endOn":"me","classsify":"hd","turntableSteps":"8",
+            "hdr":"on","alignMode":["marker","feature"],"modular":"turntable"},{"startOn":"","endOn":"","classsify":"",
+            "turntableSteps":"","hdr":"","alignMode":[],"modular":""}],"texture":"tx","totalPoint":1200,"pointDis":"0.2",
+            "handHeldPointGenWay":"hw","meshType":"watertight","fileName":"a.stl",
+            "box":{"length":0.10000000149011612,"width":2,"height":0.30000001192092896}}})", "S|E|dev.ple|K300||M||0|", scan_log);
+    const QString scan_content = R"({"tracingType":"scan","softwareVer":"","modularExt":{"ple":"dev.ple","modular":[
+        {"name":"M","sn":"","mple":""}]},"content":{"texture":"","pointDis":"","handHeldPointGenWay":"","meshType":"",
+        "fileName":"","totalPoint":%1,"box":{"length":%2,"width":%3,"height":%4}}})";
+    row("scan: the lowest count, numbers with blanks, a sign, a fraction", scan([](_tag_scan_info& i) {
+            i.totalPoint = "-2147483648", i.length = " 7 ", i.width = "+5", i.height = "-0.1";
+        }), scan_file, "scan", scan_content.arg("-2147483648", "7", "5", "-0.10000000149011612"), "S|E|dev.ple|K300||M||0|",
+        scan_log);
+    row("scan: a fractional count, text after a number, no finite float", scan([](_tag_scan_info& i) {
+            i.totalPoint = "7.5", i.length = "0.1x", i.width = "nan", i.height = "1e39";
+        }), scan_file, "scan", scan_content.arg("0", "0", "0", "0"), "S|E|dev.ple|K300||M||0|", scan_log);
+    row("scan: no 32-bit count, a profile without a module name", scan([](_tag_scan_info& i) {
+            i.totalPoint = "4294967296", i.width = "-inf", i.modular = "", i.modularPles = QStringList{"A"};
+        }), scan_file, "scan", scan_content.arg("0", "0", "0", "0").replace(R"("name":"M","sn":"","mple":"")", R"("name":"",
+            "sn":"","mple":"A")"), "S|E|dev.ple|K300|||A|0|", "add_scan_info this->softwareVer = |modular=modular_ple.size=1");
+    row("flat scan: the envelope's tracing type, nothing stored", [](manager_ptr& m) {
+            QString h = "1.5", l = "2", w = "3", file = "f.stl", way = "way", mesh = "mesh", align = "marker", cls = "cls",
+                    hdr = "hdr", mod = "top", s = "s", e = "e", dis = "0.1", tex = "tex", pts = "12a";
+            m->startOn = "S", m->endOn = "E";
+            m->create_scan_inifo(h, l, w, file, way, mesh, align, cls, hdr, mod, s, e, dis, tex, pts, "77", 1);
+            return only_record();
+        }, utc_file, "scan", R"({"tracingType":"usage","modelName":"","softwareVer":"","modularExt":{"ple":""},"height":"1.5",
+            "length":"2","width":"3","fileName":"f.stl","handHeldPointGenWay":"way","meshType":"mesh","alignMode":"marker",
+            "classsify":"cls","hdr":"hdr","modular":"top","startOn":"s","endOn":"e","pointDis":"0.1","texture":"tex",
+            "totalPoint":"12a","totalFaces":"77"})", "S|E||||||0|", "modular=modular_ple.size=0");
+
+    const QString feedback_record = R"({"tracingType":"feedback","enableGuide":"yes","startOn":"<now>","endOn":"<now>",
+        "content":{"email":"u@x.y","industry":"dental","content":"fine","attachs":["a.png","图.jpg"]},
+        "modularExt":{"ple":"%1","modular":[{"name":"M","sn":"","mple":"P"}]}})";
+    const QString score_record = R"({"tracingType":"score","startOn":"<now>","endOn":"<now>","content":{"score":%1,
+        "industry":"dental"},"modularExt":{"ple":"%2","modular":[{"name":"M","sn":"","mple":""}]}})";
+    const QString user_file = R"(\d{4}-\d\d-\d\dT\d\d-\d\d-\d\d\.)";
+    row("feedback: a period of its own, a profile's variant removed", then(share(), feedback("pro-2xK300.ple")),
+        user_file + "info2", "feedback", feedback_record.arg("pro-K300.ple"), now + "pro-K300.ple|K300|3.1|M|P|1|",
+        "modular=Smodular_ple.size=0|modular=Mmodular_ple.size=1");
+    row("feedback: case-insensitive, neither module nor profiles", feedback("a-1K300.PLE", {}, ""), user_file + "info2",
+        "feedback", QString(feedback_record).remove(R"(,"modular":[{"name":"M","sn":"","mple":"P"}])").arg("a-K300.PLE"),
+        now + "a-K300.PLE|K300|3.1|||1|", "modular=modular_ple.size=0");
+    row("score: profiles emptied, a decimal score", then(feedback("dev.ple"), score(" 9 ", "pro-K300.ple")),
+        user_file + "score2", "score", score_record.arg(9).arg("pro-K300.ple"), now + "pro-K300.ple|K300|3.1|M||0|",
+        "modular=Mmodular_ple.size=1|modular=Mmodular_ple.size=0");
+    for (const auto& [value, ple] : std::vector<std::pair<QString, QString>>{
+             {"abc", "K300.ple"}, {"7.5", "-xK300.ple"}, {"", "abc-K300.ple"}, {"12a", "abc-x.ple"}})
+        row(qPrintable("score: \"" + value + "\" is 0, " + ple + " kept"), score(value, ple), user_file + "score2", "score",
+            score_record.arg(0).arg(ple), now + ple + "|K300|3.1|M||0|", "modular=Mmodular_ple.size=0");
+
+    // set_ple repeats a K300 profile's tail after a variant, where feedback and scores drop the variant.
+    const QStringList ples{"abc-xK300.ple", "abc-xK300.pleK300.ple", "ab-1K300.PLE", "ab-1K300.PLEK300.PLE", "a-bcK300.ple.bak",
+                           "a-bcK300.ple.bakK300.ple.bak", "abc-K300.ple", "abc-K300.ple", "-xK300.ple", "-xK300.ple",
+                           "K300.ple", "K300.ple"};
+    for (int i = 0; i < ples.size(); i += 2)
+        row(qPrintable("set_ple " + ples[i]), [ple = ples[i]](manager_ptr& m) { return m->set_ple(ple), QString(); }, "", "", "",
+            now + ples[i + 1] + "|||||0|", "");
+}
+
+void tst_records::builders()
+{
+    QFETCH(step, write);
+    QFETCH(QString, files);
+    QFETCH(QString, type);
+    QFETCH(QString, record);
+    QFETCH(QString, stored);
+    QFETCH(QString, log);
+    const QString since = utc_now();
+    auto m = std::make_unique<windows_information_imp>();
+    QStringList lines;
+    QString path;
+    {
+        glog_capture glog;
+        qdebug_capture debug;
+        path = write(m);
+        lines = glog.lines();
+        for (const QString& text : debug.texts())
+            lines << "debug " + text;
+    }
+    QVERIFY2(QRegularExpression("^" + files + "$").match(record_files().join(' ')).hasMatch(),
+             qPrintable(record_files().join(' ')));
+    if (!type.isEmpty()) {
+        const record_file written = read_record(path);
+        QCOMPARE(written.type, type);
+        QJsonObject expected = parse(kEnvelope).toObject();
+        const QJsonObject own = parse(record).toObject();
+        for (auto it = own.begin(); it != own.end(); ++it)
+            expected[it.key()] = it.value();
+        QCOMPARE(stamped(compact(written.json()), since), compact(expected));
+        if (type == "usage" && m)
+            QCOMPARE(m->usageRecord, written.json());
+    }
+    QCOMPARE(stamped(stored_fields(m.get()), since), stored);
+    QCOMPARE(lines.join('|'), log);
+}
+
+void tst_records::file_bytes_and_trace_line()
+{
+    // Indented JSON as one escaped byte-array value, quoted for its commas; the UTF-8 bytes escaped
+    // (and a hex digit after them), JSON's own backslashes doubled.
+    windows_information_imp m;
+    const QString text = QString::fromUtf8("扫a\"=;,\n");
+    const QByteArray expected = R"x([General]
+data="@ByteArray({\n    \"content\": {\n        \"account\": \"\xe6\x89\xab\x61\\\"=;,\\n\",\n        \"name\": \"a@b.c\",\n        \"target\": \"a@b.c\"\n    },\n    \"enableGuide\": \"no\",\n    \"endOn\": \"E\",\n    \"modelName\": \"K300\",\n    \"modularExt\": {\n        \"modular\": [\n            {\n                \"mple\": \"\",\n                \"name\": \"M\",\n                \"sn\": \"\"\n            }\n        ],\n        \"ple\": \"dev.ple\"\n    },\n    \"osHdExt\": {\n        \"cpu\": [\n            {\n                \"cpuCores\": 0,\n                \"cpuModel\": \"\"\n            }\n        ],\n        \"gpu\": [\n        ],\n        \"hddRemainSize\": 0,\n        \"hddSize\": 0,\n        \"memSize\": 0\n    },\n    \"osSoftExt\": {\n        \"browser\": {\n            \"name\": \"\",\n            \"ver\": \"\"\n        },\n        \"installPath\": \"\",\n        \"lang\": \"\",\n        \"osName\": \"\",\n        \"resolution\": \"\"\n    },\n    \"seriaNum\": \"\",\n    \"softwareName\": \"\",\n    \"softwareVer\": \"\",\n    \"startOn\": \"S\",\n    \"tracingType\": \"share\"\n}\n)"
+type=share
+)x";
+    QCOMPARE(read_file(write_kind(m, kind::share, text)), expected);
+
+    // The usage builder's one line on standard output.
+    std::fflush(stdout);
+    const int saved = dup(STDOUT_FILENO);
+    QTemporaryFile out;
+    QVERIFY(out.open() && dup2(out.handle(), STDOUT_FILENO) >= 0);
+    const QString path = write_kind(m, kind::usage, "M");
+    std::fflush(stdout);
+    dup2(saved, STDOUT_FILENO);
+    close(saved);
+    QCOMPARE(read_file(out.fileName()), "\r\n create_usage_inifo=" + path.toUtf8() + " ");
+}
+
+void tst_records::get_scan_info_data()
+{
+    QTest::addColumn<QByteArray>("file");  // null: no file at all
+    QTest::addColumn<int>("result");
+    QTest::addColumn<QString>("data");  // "<null>" for a null string
+    QTest::addColumn<QString>("type");
+    QTest::addColumn<QString>("log");
+    const QString variant = "get_scan_info refused record.info2: holds a serialised QVariant";
+    QTest::newRow("missing file") << QByteArray() << -1 << "kept" << "kept" << "file not existrecord.info2";
+    QTest::newRow("no data key") << QByteArray("[General]\ntype=share\n") << 0 << "<null>" << "share" << "";
+    QTest::newRow("no type key") << QByteArray("[General]\ndata=@ByteArray(x)\n") << 0 << "x" << "" << "";
+    QTest::newRow("data cut at NUL") << QByteArray("[General]\ndata=@ByteArray(ab\\0cd)\ntype=t\n") << 0 << "ab" << "t" << "";
+    QTest::newRow("plain text data") << QByteArray("[General]\ndata=plain\ntype=t\n") << 0 << "plain" << "t" << "";
+    QTest::newRow("variant text inside a record")
+        << QByteArray("[General]\ndata=\"@ByteArray(a,@Variant(\\0))\"\ntype=t\n") << 0 << "a,@Variant(" << "t" << "";
+    // QSettings would decode these with QDataStream: a list of 2^31 entries, a list nested 200,000 deep.
+    QTest::newRow("serialised variant") << QByteArray("[General]\ndata=@Variant(\\0\\0\\0\\v\\x7f\\xff\\xff\\xff)\ntype=usage\n")
+                                        << -1 << "kept" << "kept" << variant;
+    QTest::newRow("nested 200,000 deep")
+        << "[General]\ntype=usage\ndata=@Variant(" + QByteArray(R"(\0\0\0\t\0\0\0\x1)").repeated(200000) + ")\n" << -1
+        << "kept" << "kept" << variant;
+    QTest::newRow("escaped, quoted, in a list, beside data")
+        << QByteArray("[General]\ndata=@ByteArray(x)\nk=a, \"\\100DateTime(\\0\\0\\0\\v\\0\\x7f\\xff\\xff\\xff)\"\n") << -1
+        << "kept" << "kept" << variant;
+    QTest::newRow("larger than 16 MiB") << "[General]\ntype=t\ndata=" + QByteArray(16 << 20, 'x') << -1 << "kept" << "kept"
+                                        << "get_scan_info refused record.info2: larger than 16 MiB";
+    QTest::newRow("a pipe nobody writes to") << QByteArray("<fifo>") << -1 << "kept" << "kept"
+                                             << "get_scan_info refused record.info2: not a regular file";
+}
+
+void tst_records::get_scan_info()
+{
+    QFETCH(QByteArray, file);
+    QFETCH(int, result);
+    QFETCH(QString, data);
+    QFETCH(QString, type);
+    QFETCH(QString, log);
+    if (file == "<fifo>")
+        QCOMPARE(mkfifo("record.info2", 0600), 0);
+    else if (!file.isNull())
+        write_file("record.info2", file);
+    windows_information_imp m;
+    QString got_data = "kept", got_type = "kept";
+    glog_capture glog;
+    qdebug_capture debug;
+    QCOMPARE(m.get_scan_info("record.info2", got_data, got_type), result);
+    QCOMPARE(got_data.isNull() ? "<null>" : got_data, data);
+    QCOMPARE(got_type, type);
+    QCOMPARE(glog.lines().join('|'), log);
+    // Log readers match the function text of the existing builds.
+    QCOMPARE(debug.located(), result ? QStringList() : QStringList{QString(
+        "default|information_api/windows_information_imp.cpp|virtual int information_api::windows_information_imp::"
+        "get_scan_info(const QString &, QString &, QString &)|type= \"%1\"").arg(type)});
+}
+
+void tst_records::upload_config_data()
+{
+    QTest::addColumn<QVariantMap>("system");
+    QTest::addColumn<QVariantMap>("urlConfig");
+    QTest::addColumn<step>("before");
+    // enable interval url app_id | stored release and test URLs | file URL, CDN, reconnect | log, with
+    // the defaults and the two application ids as <release> <test> <files> <cdn> <R> <T>.
+    QTest::addColumn<QString>("expected");
+    const auto row = [](const char* name, QVariantMap system, QVariantMap url_config, step before, QString expected) {
+        QTest::newRow(name) << system << url_config << before << expected;
+    };
+    const auto set_urls = [](QString release, QString test, QString file_release = "", QString file_test = "") -> step {
+        return [=](manager_ptr& m) mutable {
+            m->set_upload_url(release, test);
+            m->setUploadFileUrl(file_release, file_test);
+            return QString();
+        };
+    };
+    const QVariantMap url_config{{"upload_url", "https://first.example"}};
+    row("nothing configured", {}, {}, set_urls("", ""), "0 60 <release> <R> | <release> | <files> <cdn> 20 | 0_test_url ");
+    row("url_config names the release url", {{"enable", 1}, {"time_intval", 15}, {"connect_time", 5}}, url_config,
+        set_urls("", ""), "1 15 https://first.example <R> | https://first.example | <files> <cdn> 5 | 0_test_url ");
+    row("a release url set: url_config unread; release file url", {}, url_config,
+        set_urls("https://set.example", "t", "https://rel/up", "https://tst/up"),
+        "0 60 https://set.example <R> | https://set.example t | https://rel/up <cdn> 20 | 0_test_url t");
+    row("test mode without urls set", {{"test", 1}}, url_config, set_urls("", "", "https://rel/up"),
+        "0 60 <test> <T> |  | <files> <cdn> 20 | 1_test_url ");
+    row("test mode with urls set", {{"test", 2}, {"enable", 1}}, {}, set_urls("https://rel", "https://tst", "", "https://tst/up"),
+        "1 60 https://tst <T> | https://rel https://tst | https://tst/up <cdn> 20 | 2_test_url https://tst");
+    row("not numbers read as 0", {{"enable", "yes"}, {"time_intval", "abc"}, {"test", "on"}, {"connect_time", "x"}}, {},
+        set_urls("", "", "", "https://tst/up"), "0 0 <release> <R> | <release> | <files> <cdn> 0 | 0_test_url ");
+    row("url_config read once", {}, url_config, [](manager_ptr& m) {
+            int i;
+            QString s;
+            m->get_upload_config(i, i, s, s, s);
+            write_ini("url_config.ini", {{"upload_url", "https://second.example"}});
+            return QString();
+        }, "0 60 https://first.example <R> | https://first.example | <files> <cdn> 20 | 0_test_url |0_test_url ");
+}
+
+void tst_records::upload_config()
+{
+    QFETCH(QVariantMap, system);
+    QFETCH(QVariantMap, urlConfig);
+    QFETCH(step, before);
+    QFETCH(QString, expected);
+    write_ini("res/system.ini", system);
+    write_ini("url_config.ini", urlConfig);
+    auto m = std::make_unique<windows_information_imp>();
+    glog_capture log;
+    before(m);
+    int enable = -1, interval = -1;
+    QString url, app_id, extra = "untouched", file_url = "stale", cdn;
+    m->get_upload_config(enable, interval, url, app_id, extra);
+    m->getUploadFileUrl(file_url);
+    m->get_domain_manger_url(cdn);
+    QCOMPARE(QString("%1 %2 %3 %4 | %5 | %6 %7 %8 | %9").arg(enable).arg(interval)
+                 .arg(url, app_id, (m->releaseUploadUrl + " " + m->testUploadUrl).trimmed(), file_url, cdn)
+                 .arg(m->get_reconnect_intval()).arg(log.lines().join('|').remove("get_upload_config show test_type "))
+                 .replace("https://" RELEASE_SERVICE_HOST "/dtta", "<release>").replace("https://" TEST_SERVICE_HOST "/dtta", "<test>")
+                 .replace("https://" TEST_API_HOST "/up", "<files>").replace("https://" CDN_HOST, "<cdn>")
+                 .replace("a0f4c9e27d5b3816c4e9a7d2f05b68c1", "<R>").replace("3c9d0a7e51b24f68e0a7c2d9b4f6e183", "<T>"),
+             expected);
+    QCOMPARE(extra, QString("untouched"));
+}
+
+void tst_records::due_and_expired_data()
+{
+    QTest::addColumn<QVariantMap>("system");
+    QTest::addColumn<QString>("start");      // start_time: "days before today hh:mm:ss", "" for none
+    QTest::addColumn<QStringList>("files");  // "name|days before today|hh:mm:ss[.zzz]", *.info2 unless named
+    QTest::addColumn<QString>("due");        // listed by get_upload_files, oldest first
+    QTest::addColumn<QString>("expired");    // deleted by clear_timeout_file, oldest first
+    const auto row = [](const char* name, QVariantMap system, QString start, QStringList files, QString due, QString expired) {
+        QTest::newRow(name) << system << start << files << due << expired;
+    };
+    row("due from one day; other files never", {}, "0 12:00:00", {"older|5|12:00:00", "today|0|08:00:00", "yesterday|1|12:00:00",
+        "a.score2|90|08:00:00", "b.txt|90|08:00:00", "c.info2.bak|90|08:00:00"}, "older yesterday", "");
+    row("start just after midnight", {}, "0 00:00:30", {"before|1|23:59:59", "after|0|00:00:01"}, "before", "");
+    row("start just before midnight", {}, "0 23:59:59", {"day-before|1|23:59:59", "same-day|0|00:00:00"}, "day-before", "");
+    row("minimum 0: up to the start's day", {{"uploadintval", 0}}, "1 12:00:00",
+        {"later-that-day|1|23:00:00", "today|0|00:00:01", "old|3|09:00:00"}, "old later-that-day", "");
+    row("minimum 2", {{"uploadintval", 2}}, "0 12:00:00", {"one|1|12:00:00", "two|2|00:00:00", "three|3|23:59:59"},
+        "three two", "");
+    row("no start_time: every age is 0", {}, "", {"old|20|00:00:00"}, "", "");
+    row("no start_time, minimum 0", {{"uploadintval", 0}}, "", {"old|20|00:00:00"}, "old", "");
+    row("equal times by name, case-sensitively", {{"uploadintval", 0}}, "0 12:00:00", {"b|1|10:00:00", "B|1|10:00:00",
+        "aa|1|10:00:00", "a|1|10:00:00", "c|1|10:00:00", "Z|1|10:00:00.001", "y|1|09:59:59.999"}, "y c b aa a B Z", "");
+    row("expired after 30 days", {}, "", {"d30|30|12:00:00", "d31|31|12:00:00", "d45|45|08:00:00", "today|0|00:00:00",
+        "late|31|23:59:59", "early|30|00:00:00", "old.score2|90|00:00:00", "old.txt|90|00:00:00"}, "", "d45 d31 late");
+    row("remain 5", {{"remain", 5}}, "", {"d5|5|00:00:00", "d6|6|23:59:59", "d7|7|00:00:00"}, "", "d7 d6");
+    row("remain 0: only today kept", {{"remain", 0}}, "", {"today|0|00:00:00", "d1|1|23:59:59"}, "", "d1");
+    row("no folder", {{"uploadintval", 0}}, "0 12:00:00", {}, "", "");
+}
+
+void tst_records::due_and_expired()
+{
+    QFETCH(QVariantMap, system);
+    QFETCH(QString, start);
+    QFETCH(QStringList, files);
+    QFETCH(QString, due);
+    QFETCH(QString, expired);
+    write_ini("res/system.ini", system);
+    const auto path = [](QString name) { return QDir::current().absoluteFilePath("veltrainfo/" + name + (name.contains('.') ? "" : ".info2")); };
+    QStringList left;
+    for (const QString& file : files) {
+        const QStringList f = file.split('|');
+        left << QFileInfo(path(f[0])).fileName();
+        write_file(path(f[0]), "[General]\ntype=usage\n");
+        QFile record(path(f[0]));
+        QVERIFY(record.open(QIODevice::Append) && record.setFileTime(QDateTime(QDate::currentDate().addDays(-f[1].toInt()),
+            QTime::fromString(f[2], Qt::ISODateWithMs)), QFileDevice::FileModificationTime));
+    }
+    if (!files.isEmpty())
+        QDir().mkpath("veltrainfo/folder.info2");  // folders are never listed
+    const QDateTime start_time = start.isEmpty() ? QDateTime() : QDateTime(QDate::currentDate().addDays(-start.section(' ', 0, 0).toInt()),
+                                                                          QTime::fromString(start.section(' ', 1), "hh:mm:ss"));
+    QCoreApplication::instance()->setProperty("start_time", start_time);
+    windows_information_imp m;
+
+    QStringList listed{"given"}, expected{"given"}, lines;
+    for (const QString& name : due.split(' ', Qt::SkipEmptyParts)) {
+        expected << path(name);
+        lines << QString("day_diff %1 upload file  \"%2\"").arg(QFileInfo(path(name)).lastModified().daysTo(start_time)).arg(path(name));
+    }
+    qdebug_capture debug;
+    QCOMPARE(m.get_upload_files(listed), expected.size());
+    QCOMPARE(listed, expected);
+    QCOMPARE(debug.texts(), lines);
+
+    glog_capture log;
+    m.clear_timeout_file();
+    QStringList deleted;
+    for (const QString& name : expired.split(' ', Qt::SkipEmptyParts))
+        deleted << "delete file " + path(name), left.removeOne(name + ".info2");
+    QCOMPARE(log.lines(), deleted);
+    left.sort();
+    QCOMPARE(QDir("veltrainfo").entryList(QDir::Files, QDir::Name), left);
+}
+
+int main(int argc, char** argv)
+{
+    QCoreApplication app(argc, argv);
+    app.setApplicationName("tst_records");
+    tst_records test;
+    return QTest::qExec(&test, argc, argv);
+}
+
+#include "tst_records.moc"
