@@ -135,31 +135,6 @@ inline record_file read_record(const QString& path)
 // The names in ./veltrainfo/, sorted.
 inline QStringList record_files() { return QDir("veltrainfo").entryList(QDir::Files | QDir::Hidden, QDir::Name); }
 
-enum class kind { usage, calibration, share, structured_scan, flat_scan, feedback, score };
-
-// Writes one record of kind `k` carrying `text` (in the usage record's module name, a calibration
-// step's result, a share's account, a scan's file name, a feedback's content or a score's
-// industry). Returns its path.
-inline QString write_kind(windows_information_imp& m, kind k, QString text)
-{
-    QString ver = "3.1", ple = "dev.ple", model = "K300", start = "S", end = "E", modular = "M", a = "a@b.c";
-    QStringList steps{"m1"}, results{text}, pls;
-    _tag_scan_info scan;
-    scan.fileName = text;
-    switch (k) {
-    case kind::usage: m.create_usage_inifo(QString(), ple, ver, model, text, 0); return m.usageFilePath;
-    case kind::calibration:
-        m.create_calibrate_inifo(steps, ver, ple, model, modular, pls, start, end, steps, steps, steps, results, 1);
-        break;
-    case kind::share: m.create_share_inifo(ple, model, modular, start, end, a, a, text, 0); break;
-    case kind::structured_scan: m.add_scan_info(scan, 0); break;
-    case kind::flat_scan: m.create_scan_inifo(a, a, a, text, a, a, a, a, a, a, a, a, a, a, a, "9", 1); break;
-    case kind::feedback: return m.create_userfeedback_info(ple, ver, model, modular, pls, 0, a, a, text, pls);
-    case kind::score: return m.add_user_score("5", ple, ver, model, modular, text, 0);
-    }
-    return "./veltrainfo/" + record_files().value(0);  // the only record written so far
-}
-
 // Records every sink call, from whatever thread it comes, then runs `then` (if set) with the
 // connection id (-1 for the download calls): a host's own reaction, which may throw.
 class recording_sink : public information_sink {

@@ -34,7 +34,7 @@ private slots:
     void exchange();
     void url_rule_on_a_raw_connection();
     void timeout_repeats_until_released();
-    void registry();
+    void registry_and_clean();
     void calls_from_inside_a_report();
 };
 
@@ -425,25 +425,39 @@ void tst_network::timeout_repeats_until_released()
     QCOMPARE(sink.count(2), reports_at_destruction.load());
 }
 
-void tst_network::registry()
+void tst_network::registry_and_clean()
 {
+    recording_sink sink;
     scoped_working_dir dir;
     QCOMPARE(information_clean(), 0);  // without init: nothing to do
     QCOMPARE(release_connect(0), -1);  // empty registry
     VeltraInfoMgr* manager = information_init();
     QVERIFY(manager && information_init() == manager && g_api_thread->isRunning());
+    auto service = start_service();
+    service->set_script([](const collection::received_request& r) {
+        reply a = answer(std::string(1 << 20, 'i'));  // a download 4 KiB every 20 ms, silence for the rest
+        a.chunk_size = 4096, a.chunk_pause = std::chrono::milliseconds(20), a.silent = r.path != "/installer";
+        return std::optional<reply>(a);
+    });
     for (int id : {-5, 0, 8})
-        upload_information("https://127.0.0.1:1", "{}", kAppId, "t", nullptr, id, 5000);
+        upload_information(record_url(*service), "{}", kAppId, "t", &sink, id, 50);
     http_connector* first = g_conn_manager.at(8);
-    upload_information("https://127.0.0.1:1", "{}", kAppId, "t", nullptr, 8, 5000);  // takes over the entry
+    upload_information(record_url(*service), "{}", kAppId, "t", &sink, 8, 50);  // takes over the entry
     QVERIFY(g_conn_manager.size() == 3 && g_conn_manager.at(8) != first);
     first->deleteLater();  // unreachable through the registry now
     QCOMPARE(release_connect(1), -1);
     QCOMPARE(release_connect(-5), 0);
     QCOMPARE(release_connect(-5), -1);
+    downLoadApp(9, &sink, QString::fromStdString(service->base_url()) + "/installer", "app.exe");
+    QTRY_VERIFY(sink.count(0) > 1 && !sink.progress().empty());  // time-outs and a download under way
+
     QThread* worker = g_api_thread;
     QCOMPARE(information_clean(), 0);
+    const std::size_t reports = sink.total(), progress = sink.progress().size();
     QVERIFY(worker->isFinished() && g_conn_manager.empty() && !g_api_thread && !g_information);
+    service->release_silent();
+    QCoreApplication::processEvents();
+    QVERIFY(sink.total() == reports && sink.progress().size() == progress);  // no sink call after it
     QVERIFY(information_init());  // the library can start again
     QCOMPARE(information_clean(), 0);
 }

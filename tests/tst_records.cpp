@@ -2,6 +2,7 @@
 // records back; the upload configuration; which records are due and which expire.
 #include "test_support.h"
 
+#include <csignal>
 #include <cstdio>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -65,10 +66,10 @@ step calibration(QStringList classes, QStringList pls)
 }
 
 // ... but a share's identity is share.ple / K400 / S, its period S2 / E2: it takes no version.
-step share()
+step share(QString a = "a")
 {
-    return [](manager_ptr& m) {
-        QString ple = "share.ple", model = "K400", modular = "S", start = "S2", end = "E2", t = "t", n = "n", a = "a";
+    return [=](manager_ptr& m) mutable {
+        QString ple = "share.ple", model = "K400", modular = "S", start = "S2", end = "E2", t = "t", n = "n";
         m->create_share_inifo(ple, model, modular, start, end, t, n, a, 0);
         return only_record();
     };
@@ -102,6 +103,15 @@ step score(QString value, QString ple)
     };
 }
 
+// One record of every kind, and the usage record once more as the manager ends.
+void write_every_kind(manager_ptr& m, const QString& text = "")
+{
+    for (const step& write : {usage(), calibration({"c"}, {}), share(text), scan([](_tag_scan_info&) {}),
+                              feedback("dev.ple"), score("5", "dev.ple")})
+        write(m);
+    m.reset();
+}
+
 step then(step first, step second)
 {
     return [=](manager_ptr& m) {
@@ -126,6 +136,9 @@ private slots:
     void builders_data();
     void builders();
     void file_bytes_and_trace_line();
+    void unwritable_folder_data();
+    void unwritable_folder();
+    void killed_writer_leaves_only_complete_records();
     void get_scan_info_data();
     void get_scan_info();
     void upload_config_data();
@@ -311,24 +324,65 @@ void tst_records::file_bytes_and_trace_line()
 {
     // Indented JSON as one escaped byte-array value, quoted for its commas; the UTF-8 bytes escaped
     // (and a hex digit after them), JSON's own backslashes doubled.
-    windows_information_imp m;
-    const QString text = QString::fromUtf8("扫a\"=;,\n");
+    auto m = std::make_unique<windows_information_imp>();
     const QByteArray expected = R"x([General]
-data="@ByteArray({\n    \"content\": {\n        \"account\": \"\xe6\x89\xab\x61\\\"=;,\\n\",\n        \"name\": \"a@b.c\",\n        \"target\": \"a@b.c\"\n    },\n    \"enableGuide\": \"no\",\n    \"endOn\": \"E\",\n    \"modelName\": \"K300\",\n    \"modularExt\": {\n        \"modular\": [\n            {\n                \"mple\": \"\",\n                \"name\": \"M\",\n                \"sn\": \"\"\n            }\n        ],\n        \"ple\": \"dev.ple\"\n    },\n    \"osHdExt\": {\n        \"cpu\": [\n            {\n                \"cpuCores\": 0,\n                \"cpuModel\": \"\"\n            }\n        ],\n        \"gpu\": [\n        ],\n        \"hddRemainSize\": 0,\n        \"hddSize\": 0,\n        \"memSize\": 0\n    },\n    \"osSoftExt\": {\n        \"browser\": {\n            \"name\": \"\",\n            \"ver\": \"\"\n        },\n        \"installPath\": \"\",\n        \"lang\": \"\",\n        \"osName\": \"\",\n        \"resolution\": \"\"\n    },\n    \"seriaNum\": \"\",\n    \"softwareName\": \"\",\n    \"softwareVer\": \"\",\n    \"startOn\": \"S\",\n    \"tracingType\": \"share\"\n}\n)"
+data="@ByteArray({\n    \"content\": {\n        \"account\": \"\xe6\x89\xab\x61\\\"=;,\\n\",\n        \"name\": \"n\",\n        \"target\": \"t\"\n    },\n    \"enableGuide\": \"no\",\n    \"endOn\": \"E2\",\n    \"modelName\": \"K400\",\n    \"modularExt\": {\n        \"modular\": [\n            {\n                \"mple\": \"\",\n                \"name\": \"S\",\n                \"sn\": \"\"\n            }\n        ],\n        \"ple\": \"share.ple\"\n    },\n    \"osHdExt\": {\n        \"cpu\": [\n            {\n                \"cpuCores\": 0,\n                \"cpuModel\": \"\"\n            }\n        ],\n        \"gpu\": [\n        ],\n        \"hddRemainSize\": 0,\n        \"hddSize\": 0,\n        \"memSize\": 0\n    },\n    \"osSoftExt\": {\n        \"browser\": {\n            \"name\": \"\",\n            \"ver\": \"\"\n        },\n        \"installPath\": \"\",\n        \"lang\": \"\",\n        \"osName\": \"\",\n        \"resolution\": \"\"\n    },\n    \"seriaNum\": \"\",\n    \"softwareName\": \"\",\n    \"softwareVer\": \"\",\n    \"startOn\": \"S2\",\n    \"tracingType\": \"share\"\n}\n)"
 type=share
 )x";
-    QCOMPARE(read_file(write_kind(m, kind::share, text)), expected);
+    QCOMPARE(read_file(share(QString::fromUtf8("扫a\"=;,\n"))(m)), expected);
 
     // The usage builder's one line on standard output.
     std::fflush(stdout);
     const int saved = dup(STDOUT_FILENO);
     QTemporaryFile out;
     QVERIFY(out.open() && dup2(out.handle(), STDOUT_FILENO) >= 0);
-    const QString path = write_kind(m, kind::usage, "M");
+    const QString path = usage()(m);
     std::fflush(stdout);
     dup2(saved, STDOUT_FILENO);
     close(saved);
     QCOMPARE(read_file(out.fileName()), "\r\n create_usage_inifo=" + path.toUtf8() + " ");
+}
+
+void tst_records::unwritable_folder_data()
+{
+    QTest::addColumn<QString>("target");  // what ./veltrainfo links to; none: it is a file
+    QTest::newRow("a file") << "";
+    QTest::newRow("a folder nobody can write") << "/proc/self/fdinfo";  // not even root can create files there
+}
+
+void tst_records::unwritable_folder()
+{
+    // The builders still report nothing, but every lost record leaves a warning: one of each kind,
+    // then the usage record once more as the manager ends.
+    QFETCH(QString, target);
+    if (target.isEmpty())
+        write_file("veltrainfo", "precious");
+    else
+        QVERIFY(QFile::link(target, "veltrainfo"));
+    glog_capture log;
+    auto m = std::make_unique<windows_information_imp>();
+    write_every_kind(m);
+    QCOMPARE(log.lines().filter(QRegularExpression(R"(^record not written: \./veltrainfo/[^ ]+\.(info2|score2) \(QSettings status AccessError\)$)")).size(), 7);
+    if (target.isEmpty())
+        QCOMPARE(read_file("veltrainfo"), QByteArray("precious"));
+}
+
+void tst_records::killed_writer_leaves_only_complete_records()
+{
+    for (int kill = 0; kill < 200; ++kill) {
+        QProcess writer;
+        writer.start(QCoreApplication::applicationFilePath(), {"--record-writer"});
+        QVERIFY(writer.waitForStarted());
+        QTest::qSleep(int(QRandomGenerator::global()->bounded(5, 80)));  // mostly in the middle of a record
+        ::kill(pid_t(writer.processId()), SIGKILL);
+        QVERIFY(writer.waitForFinished());
+        // Checked after every kill: the next writer may overwrite a record of the same second.
+        for (const QString& name : QDir("veltrainfo").entryList({"*.info2", "*.score2"}, QDir::Files)) {
+            const record_file record = read_record("veltrainfo/" + name);
+            QVERIFY2(!record.type.isEmpty() && QJsonDocument::fromJson(record.data).isObject(), qPrintable(name));
+        }
+    }
+    QVERIFY2(!record_files().isEmpty(), "the writer never got to write");
 }
 
 void tst_records::get_scan_info_data()
@@ -530,6 +584,9 @@ int main(int argc, char** argv)
 {
     QCoreApplication app(argc, argv);
     app.setApplicationName("tst_records");
+    if (argc > 1 && qstrcmp(argv[1], "--record-writer") == 0)  // the killed writer: records until it is killed
+        for (auto m = std::make_unique<windows_information_imp>();; m = std::make_unique<windows_information_imp>())
+            write_every_kind(m, QString(400, 'x'));
     tst_records test;
     return QTest::qExec(&test, argc, argv);
 }
