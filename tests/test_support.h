@@ -10,7 +10,6 @@
 
 #include <QtTest>
 
-#include <chrono>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -143,13 +142,12 @@ public:
         int id;
         response_info_t info;
         QThread* thread;
-        std::chrono::steady_clock::time_point at;
     };
     std::function<void(int)> then;
 
     void on_response(int id, QVariant result) override
     {
-        add([&] { reports_.push_back({id, result.value<response_info_t>(), QThread::currentThread(), now()}); }, id);
+        add([&] { reports_.push_back({id, result.value<response_info_t>(), QThread::currentThread()}); }, id);
     }
     void on_download_progress(qint64 received, qint64 total) override
     {
@@ -172,7 +170,6 @@ public:
     QStringList finished() const { return locked_copy(mutex_, finished_); }  // "success code net_error"
 
 private:
-    static std::chrono::steady_clock::time_point now() { return std::chrono::steady_clock::now(); }
     template <typename Add> void add(Add record, int id)
     {
         {
