@@ -9,16 +9,17 @@
 using namespace test_support;
 
 // Sends `request` on a fresh connection, half-closes it (a short body ends there), returns the answer.
+// No step waits longer than the service's request deadline (3 s) could keep a starved request waiting.
 static QByteArray exchange(int port, bool tls, const QByteArray& request)
 {
     QSslSocket socket;
     socket.setPeerVerifyMode(QSslSocket::VerifyNone);
     tls ? socket.connectToHostEncrypted("127.0.0.1", quint16(port)) : socket.connectToHost("127.0.0.1", quint16(port));
-    tls ? socket.waitForEncrypted(5000) : socket.waitForConnected(5000);
+    tls ? socket.waitForEncrypted(2000) : socket.waitForConnected(2000);
     socket.write(request);
-    while (socket.bytesToWrite() > 0 && socket.waitForBytesWritten(5000)) {}
+    while (socket.bytesToWrite() > 0 && socket.waitForBytesWritten(2000)) {}
     ::shutdown(int(socket.socketDescriptor()), SHUT_WR);
-    while (socket.waitForReadyRead(5000)) {}
+    while (socket.waitForReadyRead(2000)) {}
     return socket.readAll();
 }
 
@@ -40,33 +41,24 @@ void tst_collection_service::request_data()
     QTest::addColumn<bool>("tls");
     QTest::addColumn<QByteArray>("slow");  // what each of 200 slow clients sends first, then a byte each half second
     QTest::addColumn<QByteArray>("request");
-    // Status, answer's "status", the status the service logged, the files under the data folder
+    // Status, the status the service logged, the files under the data folder
     // (which holds an earlier run's record 7 and a half-written body).
     QTest::addColumn<QString>("expected");
     const QByteArray big = '{' + QByteArray(4 << 20, ' ') + '}';  // still on its way when refused
-    const QByteArray x = post("/dtta?type=x", "{}");
-    QTest::newRow("type climbing out") << false << QByteArray() << post("/dtta?type=../../../../x", "{}")
-                                       << "200 success 200 received/7-old.json received/8-x.json";
-    QTest::newRow("type with slashes") << false << QByteArray() << post("/dtta?type=a/b\\c", "{}")
-                                       << "200 success 200 received/7-old.json received/8-abc.json";
-    QTest::newRow("type empty once reduced") << false << QByteArray() << post("/dtta?type=/..", "{}")
-                                             << "200 success 200 received/7-old.json received/8-untyped.json";
+    QTest::newRow("type climbing out, over https, slow clients in the handshake")  // a TLS record of 512 bytes
+        << true << QByteArray("\x16\x03\x01\x02\x00", 5) << post("/dtta?type=../../../../a/b\\c", "{}")
+        << "200 200 ca.pem cert.pem key.pem received/7-old.json received/8-abc.json";
+    QTest::newRow("a served file, slow clients in the head") << false << QByteArray("POST /dtta HTTP/1.1\r\nX-")
+        << QByteArray("GET /files/setup.bin HTTP/1.1\r\n\r\n") << "200 200 received/7-old.json";
     QTest::newRow("file name with folders") << false << QByteArray()
         << post("/up", "--b\r\nContent-Disposition: form-data; name=\"file\"; filename=\"..\\..\\scan 1.zip\"\r\n\r\n"
                        "PK\r\n--b--\r\n", "Content-Type: multipart/form-data; boundary=b\r\n")
-        << "200 success 200 received/7-old.json uploads/8-<id>-scan1.zip";
-    QTest::newRow("body over the limit") << false << QByteArray() << post("/dtta?type=big", big) << "413 failed 413 received/7-old.json";
-    QTest::newRow("chunked body over the limit") << false << QByteArray()
+        << "200 200 received/7-old.json uploads/8-<id>-scan1.zip";
+    QTest::newRow("body over the limit") << false << QByteArray()
         << "POST /dtta?type=big HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n400002\r\n" + big + "\r\n0\r\n\r\n"
-        << "413 failed 413 received/7-old.json";
+        << "413 413 received/7-old.json";
     QTest::newRow("body shorter than announced") << false << QByteArray()
-        << post("/dtta?type=short", "{}").replace("Content-Length: 2", "Content-Length: 200") << "400 failed 400 received/7-old.json";
-    QTest::newRow("a served file") << false << QByteArray() << QByteArray("GET /files/setup.bin HTTP/1.1\r\n\r\n")
-                                   << "200  200 received/7-old.json";
-    QTest::newRow("slow clients, http, in the head") << false << QByteArray("POST /dtta HTTP/1.1\r\nX-") << x
-                                                     << "200 success 200 received/7-old.json received/8-x.json";
-    QTest::newRow("slow clients, https, in the handshake")  // a TLS record of 512 bytes
-        << true << QByteArray("\x16\x03\x01\x02\x00", 5) << x << "200 success 200 ca.pem cert.pem key.pem received/7-old.json received/8-x.json";
+        << QByteArray("POST /dtta HTTP/1.1\r\nContent-Length: 9\r\n\r\n{}") << "400 400 received/7-old.json";
 }
 
 void tst_collection_service::request()
@@ -100,17 +92,12 @@ void tst_collection_service::request()
         return s.state() == QAbstractSocket::ConnectedState; })); };
     QTRY_COMPARE(connected(), int(clients.size()));
 
-    QElapsedTimer answered;
-    answered.start();
+    // Slow clients starve nobody: a request starved of a thread would go unanswered until exchange() gives up.
     const QByteArray answer = exchange(service->port(), tls, request);
-    // Slow clients starve nobody: answered before the deadline could free a thread (well under a
-    // second, even under ThreadSanitizer).
-    QVERIFY2(answered.elapsed() < 2000, qPrintable(QString::number(answered.elapsed())));
-    const QJsonDocument body = QJsonDocument::fromJson(answer.mid(answer.indexOf("\r\n\r\n") + 4));
-    QStringList outcome{answer.mid(9, 3), body["status"].toString(), QString::number(logged)}, files;
+    QStringList outcome{answer.mid(9, 3), QString::number(logged)}, files;
     for (QDirIterator it(dir.path(), QDir::Files, QDirIterator::Subdirectories); it.hasNext();)
         if (const QString path = it.next(); !path.contains("/files/"))
-            files << QDir(data).relativeFilePath(path).replace(QRegularExpression("^uploads/(\\d+)-\\w{24}-"), "uploads/\\1-<id>-");
+            files << QDir(data).relativeFilePath(path).replace(QRegularExpression("-\\w{24}-"), "-<id>-");
     files.sort();
     QCOMPARE((outcome + files).join(' '), expected);
     if (tls)  // the key it made for itself is its owner's only

@@ -1,74 +1,96 @@
-// A scriptable Mac for the Linux test build of the macOS collector: a test describes the machine
-// and installs it, and the fake frameworks in include/ answer from it. Any misuse of the CoreFoundation
-// objects and IOKit handles they hand out throws at once; leaks() tells what the collector kept.
+// A scriptable Mac for the Linux test build of the macOS collector: a test describes the machine and installs it as
+// fake::installed, and the fake frameworks in include/, declared as in the macOS 14.2 SDK, answer from it. They are
+// defined inline in their headers, each function once, with C++ linkage, which the collector cannot tell apart.
+//
+// Each CoreFoundation object they hand out is a heap object that its release deletes, so that a second release or a
+// use after release touches freed memory and an object never released leaks: the AddressSanitizer and LeakSanitizer
+// build in CI reports each. A plain build counts the objects not released yet, and throws at the release of one the
+// caller was only lent: a CFSTR constant, a member of an array or dictionary, a display's IOKit port. IOKit handles
+// are 32 bits, too narrow for a pointer: they index a table, where a released one throws at its next use.
 #pragma once
 
-#include <CoreGraphics/CoreGraphics.h>
-
-#include <QStringList>
-
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <deque>
 #include <map>
-#include <optional>
+#include <stdexcept>
 #include <string>
-#include <type_traits>
 #include <vector>
 
-namespace fake_apple {
+namespace fake {
 
-// The CFTypeIDs, then the kinds of IOKit handle: a bit each, so that a call can accept several.
-enum kind : CFTypeID { cf_string = 1, cf_number = 2, cf_data = 4, cf_array = 8, cf_dictionary = 16,
-                       cg_display_mode = 32, io_iterator = 64, io_service = 128, io_display_port = 256 };
+enum kind : unsigned long { cf_string = 1, cf_number, cf_data, cf_array, cf_dictionary, cg_display_mode, io_object };
 
-// A sysctl value or a registry property. A C string is a CFString, or zero-terminated sysctl text;
-// a std::string is CFData, or those bytes; an integer is a CFNumber, or a sysctl number as wide as
-// its type.
+// A sysctl value or a registry property, and every object the fakes hand out. A C string is a CFString, or
+// zero-terminated sysctl text; a std::string is CFData, or those bytes; an integer is a CFNumber, or a sysctl number
+// as wide as its type.
 struct value {
-    CFTypeID type = 0;
+    unsigned long type;
     std::string bytes;
-    int64_t number = 0;
-    value(kind k = kind(0), int64_t n = 0) : type(k), number(n) {}  // the fake's own objects
+    int64_t number = 0;  // also a mode's or port's display, a service's registry index, an iterator's position
+    std::vector<value> members = {};  // an array's; a dictionary's keys and values in turn; an iterator's services
+    bool owned = false;               // created or copied for the caller, who must release it
+    value(kind k, int64_t n = 0, std::vector<value> m = {}) : type(k), number(n), members(std::move(m)) {}
     value(const char* text) : type(cf_string), bytes(text) {}
     value(std::string data) : type(cf_data), bytes(std::move(data)) {}
-    template <typename T, typename = std::enable_if_t<std::is_integral<T>::value>>
+    template <typename T>  // an integer
     value(T n) : type(cf_number), bytes(reinterpret_cast<const char*>(&n), sizeof n), number(int64_t(n)) {}
 };
 using values = std::map<std::string, value>;
 
-// How far the route from a display to its product name goes: the service port, its info
-// dictionary, the dictionary's "DisplayProductName" entry (with no name in it if `name` is empty).
-enum naming { no_port, no_info, no_name_key, named };
-
-struct display {
-    CGDirectDisplayID id;
-    std::string name;
-    bool isMain = false;
-    naming route = named;
-    CGSize millimetres = {600, 340};
-    std::optional<std::pair<size_t, size_t>> mode = {{1920, 1920}};  // width in points, in pixels
-    CGRect bounds = {{0, 0}, {1920, 1080}};                           // in points
-    size_t pixelsWide = 1920, pixelsHigh = 1080;
-};
+struct display;  // in CoreGraphics/CoreGraphics.h, with the framework's own geometry types
 
 struct registry_entry {
     std::vector<std::string> classes;  // its own class first, then those it also matches
-    values properties;
+    values properties = {};
     int parent = -1;  // index into machine::registry
 };
 
 struct machine {
     std::vector<display> displays;
-    bool listFailsOnSecondCall = false;
-    size_t unpluggedBeforeSecondCall = 0;  // displays gone between the count and the list
-    values sysctls;                        // a missing name fails with ENOENT
+    values sysctls;  // a missing name fails with ENOENT
     std::vector<registry_entry> registry;
-    vm_size_t pageSize = 16384;  // 0: host_page_size fails
-    std::optional<std::pair<natural_t, natural_t>> freeAndInactivePages;  // none: the statistics fail
-    std::optional<std::vector<value>> preferredLanguages;                 // none: a null array
+    std::vector<unsigned> vmPages;  // free, active, inactive, wire, in pages of 16 KiB; none: host_statistics64 fails
+    std::vector<value> preferredLanguages;
 };
 
-// Replaces the machine and forgets every object and handle handed out so far.
-void install(const machine& m);
-// Each object handed out since install() that is still held.
-QStringList leaks();
+// The machine the fakes answer from. Only the test thread sets it, before it starts the pool threads that read it.
+extern machine installed;
+const display& shown(uint32_t id);  // the display of that id, or a throw
 
-}  // namespace fake_apple
+inline std::atomic<int> unreleased{0};            // objects handed out and not released yet
+inline thread_local std::deque<value> ioObjects;  // an IOKit handle is its index + 1; a released one has no kind
+
+template <typename Ref> Ref create(value v)
+{
+    v.owned = true;
+    ++unreleased;
+    return reinterpret_cast<Ref>(new value(std::move(v)));
+}
+
+inline unsigned createIO(value v, bool owned = true)
+{
+    v.owned = owned;
+    unreleased += owned;
+    ioObjects.push_back(std::move(v));
+    return unsigned(ioObjects.size());
+}
+
+inline value& as(const void* object) { return *static_cast<value*>(const_cast<void*>(object)); }
+
+inline value& io(unsigned handle)
+{
+    value& v = ioObjects.at(handle - 1);  // out of range for the null handle too
+    return v.type == io_object ? v : throw std::logic_error("an IOKit object used after its release");
+}
+
+inline value* release(value& v)
+{
+    --unreleased;
+    return v.owned ? &v : throw std::logic_error("a release of what the caller was only lent");
+}
+
+}  // namespace fake

@@ -3,7 +3,6 @@
 #include <information_api/windows_information_imp.h>
 
 #include <QCoreApplication>
-#include <QDir>
 #include <QFile>
 #include <QTemporaryDir>
 
@@ -11,9 +10,8 @@
 
 using namespace information_api;
 
-extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv)
+extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
-    static QCoreApplication app(*argc, *argv);
     static QTemporaryDir dir;
     QDir::setCurrent(dir.path());
     qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString&) {});
@@ -25,14 +23,13 @@ extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     static windows_information_imp manager;
-    static const QString record_path = QDir::current().filePath("record.info2");
-    QFile file(record_path);
+    QFile file("record.info2");
     if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) ||
         file.write(reinterpret_cast<const char*>(data), qint64(size)) != qint64(size))
         __builtin_trap();
     file.close();
     QString text = "kept", type = "kept";
-    const int result = manager.get_scan_info(record_path, text, type);
+    const int result = manager.get_scan_info(file.fileName(), text, type);
     // The file exists: -1 means refused unread, and then both outputs are as they were.
     if (result != 0 && (result != -1 || text != "kept" || type != "kept"))
         __builtin_trap();

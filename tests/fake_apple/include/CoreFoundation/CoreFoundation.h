@@ -1,10 +1,10 @@
-// Linux test build only: the part of CoreFoundation that the macOS collector calls, declared with
-// the framework's own names, signatures and type widths. Implemented by ../../fake_machine.cpp.
+// Linux test build only: the part of CoreFoundation that the macOS collector calls, with the framework's own names,
+// signatures and type widths, answering from the machine a test installed (fake_machine.h).
 #pragma once
 
-#include <cstdint>
+#include "fake_machine.h"
 
-extern "C" {
+#include <QString>
 
 typedef unsigned char Boolean;
 typedef unsigned char UInt8;
@@ -23,40 +23,67 @@ typedef const struct __CFNumber* CFNumberRef;
 typedef const struct __CFData* CFDataRef;
 
 // What CF_ENUM(type, name) declares in C++: an enumeration with that underlying type.
-typedef enum CFStringBuiltInEncodings : CFStringEncoding {
-    kCFStringEncodingUTF8 = 0x08000100
-} CFStringBuiltInEncodings;
-typedef enum CFNumberType : CFIndex { kCFNumberSInt32Type = 3, kCFNumberSInt64Type = 4 } CFNumberType;
+enum CFStringBuiltInEncodings : CFStringEncoding { kCFStringEncodingUTF8 = 0x08000100 };
+enum CFNumberType : CFIndex { kCFNumberSInt32Type = 3, kCFNumberSInt64Type = 4 };
 
-extern const CFAllocatorRef kCFAllocatorDefault;
+inline const CFAllocatorRef kCFAllocatorDefault = nullptr;
 
-// As with the real framework, CFSTR yields a constant string that must never be released.
-CFStringRef __CFStringMakeConstantString(const char* cStr);
+// As with the real framework, CFSTR yields a constant string that must never be released: one per text and thread.
+inline CFStringRef __CFStringMakeConstantString(const char* cStr)
+{
+    thread_local std::map<std::string, fake::value> constants;
+    return reinterpret_cast<CFStringRef>(&constants.emplace(cStr, cStr).first->second);
+}
 #define CFSTR(cStr) __CFStringMakeConstantString("" cStr "")
 
-CFTypeID CFGetTypeID(CFTypeRef cf);
-void CFRelease(CFTypeRef cf);
+inline CFTypeID CFGetTypeID(CFTypeRef cf) { return fake::as(cf).type; }
+inline void CFRelease(CFTypeRef cf) { delete fake::release(fake::as(cf)); }
 
-CFTypeID CFStringGetTypeID(void);
-CFIndex CFStringGetLength(CFStringRef theString);
-CFIndex CFStringGetMaximumSizeForEncoding(CFIndex length, CFStringEncoding encoding);
-Boolean CFStringGetCString(CFStringRef theString, char* buffer, CFIndex bufferSize, CFStringEncoding encoding);
+inline CFTypeID CFStringGetTypeID(void) { return fake::cf_string; }
+inline CFIndex CFStringGetLength(CFStringRef s) { return QString::fromStdString(fake::as(s).bytes).size(); }  // UTF-16
+inline CFIndex CFStringGetMaximumSizeForEncoding(CFIndex length, CFStringEncoding) { return length * 3; }  // UTF-8
 
-CFIndex CFArrayGetCount(CFArrayRef theArray);
-const void* CFArrayGetValueAtIndex(CFArrayRef theArray, CFIndex idx);
+inline Boolean CFStringGetCString(CFStringRef s, char* buffer, CFIndex bufferSize, CFStringEncoding)
+{
+    const std::string& text = fake::as(s).bytes;
+    return CFIndex(text.size()) < bufferSize && std::strcpy(buffer, text.c_str());
+}
 
-CFTypeID CFDictionaryGetTypeID(void);
-CFIndex CFDictionaryGetCount(CFDictionaryRef theDict);
-const void* CFDictionaryGetValue(CFDictionaryRef theDict, const void* key);
-void CFDictionaryGetKeysAndValues(CFDictionaryRef theDict, const void** keys, const void** values);
+inline CFIndex CFArrayGetCount(CFArrayRef a) { return CFIndex(fake::as(a).members.size()); }
+inline const void* CFArrayGetValueAtIndex(CFArrayRef a, CFIndex i) { return &fake::as(a).members.at(size_t(i)); }
 
-CFTypeID CFNumberGetTypeID(void);
-Boolean CFNumberGetValue(CFNumberRef number, CFNumberType theType, void* valuePtr);
+inline CFTypeID CFDictionaryGetTypeID(void) { return fake::cf_dictionary; }
+inline CFIndex CFDictionaryGetCount(CFDictionaryRef d) { return CFIndex(fake::as(d).members.size() / 2); }
 
-CFTypeID CFDataGetTypeID(void);
-const UInt8* CFDataGetBytePtr(CFDataRef theData);
-CFIndex CFDataGetLength(CFDataRef theData);
+inline const void* CFDictionaryGetValue(CFDictionaryRef d, const void* key)
+{
+    auto& items = fake::as(d).members;
+    for (size_t i = 0; i < items.size(); i += 2)
+        if (items[i].bytes == fake::as(key).bytes)
+            return &items[i + 1];
+    return nullptr;
+}
 
-CFArrayRef CFLocaleCopyPreferredLanguages(void);
+inline void CFDictionaryGetKeysAndValues(CFDictionaryRef d, const void** keys, const void** values)
+{
+    auto& items = fake::as(d).members;  // keys and values in turn
+    for (size_t i = 0; i < items.size(); ++i)
+        *(i % 2 ? values++ : keys++) = &items[i];
+}
 
-}  // extern "C"
+inline CFTypeID CFNumberGetTypeID(void) { return fake::cf_number; }
+
+inline Boolean CFNumberGetValue(CFNumberRef number, CFNumberType theType, void* valuePtr)
+{
+    std::memcpy(valuePtr, &fake::as(number).number, theType == kCFNumberSInt64Type ? 8 : 4);  // SInt32: the low half
+    return theType == kCFNumberSInt64Type || int32_t(fake::as(number).number) == fake::as(number).number;
+}
+
+inline CFTypeID CFDataGetTypeID(void) { return fake::cf_data; }
+inline const UInt8* CFDataGetBytePtr(CFDataRef d) { return reinterpret_cast<const UInt8*>(fake::as(d).bytes.data()); }
+inline CFIndex CFDataGetLength(CFDataRef d) { return CFIndex(fake::as(d).bytes.size()); }
+
+inline CFArrayRef CFLocaleCopyPreferredLanguages(void)
+{
+    return fake::create<CFArrayRef>({fake::cf_array, 0, fake::installed.preferredLanguages});
+}
