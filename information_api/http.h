@@ -21,7 +21,7 @@
 class QHttpPart;
 class QNetworkAccessManager;
 class QTimer;
-class tst_manager_layout;
+class tst_records;
 
 // One text field of a multipart form.
 QHttpPart part_parameter(QString name, QString value);
@@ -113,7 +113,7 @@ private:
     json_handler* handler_ = nullptr;
     QString file_path_;
 
-    friend class ::tst_manager_layout;
+    friend class ::tst_records;  // reads the members' offsets
 };
 
 }  // namespace information_api

@@ -45,13 +45,7 @@ request record(int timeout = 10000, QString base_suffix = "/dtta", QString type 
     };
 }
 
-void write_attachment()
-{
-    QByteArray bytes;
-    for (int b = 0; b < 3 * 256; ++b)
-        bytes.append(char(b));
-    write_file("in/scan report.bin", bytes);
-}
+void write_attachment() { write_file("in/scan report.bin", QByteArray("PK\3\4\0\xff\r\n", 8)); }  // binary, CRLF too
 
 request file(QString path = "in/scan report.bin", int timeout = 10000)
 {
@@ -121,7 +115,8 @@ QString wire(const collection::collection_service& service)
             if (name.rfind("X-", 0) == 0 || name == "Content-Type" || name == "Cache-Control")
                 line += QString::fromStdString(" " + name + ": ") + QString::fromStdString(value).section(';', 0, r.parts.empty() ? -1 : 0);
         for (const collection::received_part& p : r.parts)
-            line += QString::fromStdString(" [" + p.name + " " + p.filename + " " + p.content_type + " ") + QString::number(p.size) + "]";
+            line += QString::fromStdString(" [" + p.name + " " + p.filename + " " + p.content_type + " ") +
+                    QByteArray::fromStdString(p.content).toHex() + "]";
         lines << line + (r.parts.empty() && r.body_size ? " " + QString::fromStdString(r.body) : "");
     }
     return lines.join('\n');
@@ -208,7 +203,7 @@ void tst_network::exchange_data()
     const QString ok = "1 0 0 Unknown error", refused = "0 10 -2 Unknown error";
     const QString get = "GET /software/scan/interface.json?t=<t> Cache-Control: must-revalidate,max-age=0;no-store";
     const QString up = "POST /up?category=feedback&bucket=pub Content-Type: multipart/form-data X-Auth-AppID: " +
-                       QString(kAppId) + " [file scan report.bin application/octet-stream 768]";
+                       QString(kAppId) + " [file scan report.bin application/octet-stream 504b030400ff0d0a]";
     const QString app = "GET /files/app.exe";
     const QString tls = "SSL handshake failed: The certificate is self-signed, and untrusted";
     reply html = answer("<html><body><h1>500 Internal Server Error</h1></body></html>", 500, "text/html");
@@ -221,14 +216,12 @@ void tst_network::exchange_data()
 
     // Record uploads: the service's answers and the transport's failures.
     row("accepted", https, real, none, record(), post, ok);
-    row("accepted over http", server::http, real, none, record(), post, ok);
     row("refused with a reason", https, answer(R"({"status":"failed","result":"配额已满"})"), none, record(), post,
         QString::fromUtf8("0 10 -2 配额已满"));
     row("refused without a reason", https, answer(R"({"status":"failed"})"), none, record(), post, refused);
     row("status spelled Success", https, answer(R"({"status":"Success"})"), none, record(), post, refused);
     row("no status", https, answer(R"({"result":"why"})"), none, record(), post, "0 10 -2 why");
     row("not JSON", https, answer("hello"), none, record(), post, refused);
-    row("empty answer", https, answer(""), none, record(), post, refused);
     row("10 MB answer", https, answer(R"({"status":"success","result":")" + std::string(10u << 20, 'x') + "\"}"), none,
         record(), post, ok);
     row("nested 100000 deep", https, answer(R"({"status":"success","x":)" + nested(100000) + "}"), none, record(), post,
@@ -260,10 +253,8 @@ void tst_network::exchange_data()
 
     // Attachments: one part, the last path component, only the first header; the stored file's id.
     row("file stored", https, real, none, file(), up, ok + " result <id>");
-    row("file stored without an id", https, answer(R"({"status":"success","result":{}})"), none, file(), up, ok);
     row("file refused: the reason is not passed on", https, answer(R"({"status":"failed","result":"too big"})"), none,
         file(), up, refused);
-    row("file not JSON", https, answer("<html></html>"), none, file(), up, refused);
     row("missing file: nothing sent", https, real, none, file("no/such/file.zip"), "", "");
     row("fields first, in key order, cut at NUL; only the first header", https, real, none,
         [](const QString& base, information_sink* sink) {  // the connector stays on this thread
@@ -271,7 +262,7 @@ void tst_network::exchange_data()
             auto* connector = g_conn_manager[1] = new http_connector(1, sink, nullptr);
             connector->send_multipart_request("/up", "in/scan report.bin", {{"size", "12"}, {"name", QString("x") + QChar(0) + "y"}},
                                               {{"X-B", "2"}, {"X-A", "1"}}, 5000, base);
-        }, "POST /up Content-Type: multipart/form-data X-A: 1 [name   1] [size   2] [file scan report.bin application/octet-stream 768]",
+        }, "POST /up Content-Type: multipart/form-data X-A: 1 [name   78] [size   3132] [file scan report.bin application/octet-stream 504b030400ff0d0a]",
         ok + " result <id>", "", false);
 
     // The interface file: fetched past every cache; an empty document, array or object is no interface.
@@ -281,7 +272,6 @@ void tst_network::exchange_data()
     row("interface empty array", https, answer("[]"), none, fetch(), get, refused);
     row("interface empty object", https, answer("{}"), none, fetch(), get, refused);
     row("interface not JSON", https, answer("version=2"), none, fetch(), get, refused);
-    row("interface nested 100000 deep", https, answer(nested(100000)), none, fetch(), get, refused);
     row("interface missing", https, real, none, fetch(), get, "0 7 203 / 0 7 203 ...");
 
     // downLoadApp: through <target minus four characters>.temp, reporting only success.
@@ -422,8 +412,6 @@ void tst_network::registry_and_clean()
     service->release_silent();
     QCoreApplication::processEvents();
     QVERIFY(sink.total() == reports && sink.progress().size() == progress);  // no sink call after it
-    QVERIFY(information_init());  // the library can start again
-    QCOMPARE(information_clean(), 0);
 }
 
 void tst_network::calls_from_inside_a_report()
