@@ -56,44 +56,6 @@ private:
     QStringList lines_;
 };
 
-// Collects the process's qDebug() lines, from any thread, while it lives: each as its text and
-// as "category|file|function|text"; and Qt's warnings.
-class qdebug_capture {
-public:
-    qdebug_capture() : previous_(qInstallMessageHandler(&handle)) { active() = this; }
-    ~qdebug_capture()
-    {
-        qInstallMessageHandler(previous_);
-        active() = nullptr;
-    }
-    QStringList texts() const { return locked_copy(mutex_, texts_); }
-    QStringList located() const { return locked_copy(mutex_, located_); }
-    QStringList warnings() const { return locked_copy(mutex_, warnings_); }
-
-private:
-    static qdebug_capture*& active()
-    {
-        static qdebug_capture* capture = nullptr;
-        return capture;
-    }
-    static void handle(QtMsgType type, const QMessageLogContext& where, const QString& text)
-    {
-        qdebug_capture* self = active();
-        if (!self)
-            return;
-        std::lock_guard<std::mutex> lock(self->mutex_);
-        if (type == QtWarningMsg)
-            self->warnings_ << text;
-        if (type != QtDebugMsg)
-            return;
-        self->texts_ << text;
-        self->located_ << QString("%1|%2|%3|%4").arg(where.category, where.file, where.function, text);
-    }
-    QtMessageHandler previous_;
-    mutable std::mutex mutex_;
-    QStringList texts_, located_, warnings_;
-};
-
 inline QString utc_now() { return QDateTime::currentDateTimeUtc().toString("yyyy-MM-ddThh:mm:ssZ"); }
 
 // Writes `bytes` to `path`, creating its folders.
@@ -164,7 +126,6 @@ public:
         all.erase(std::remove_if(all.begin(), all.end(), [id](const report& r) { return r.id != id; }), all.end());
         return all;
     }
-    std::size_t count(int id) const { return reports(id).size(); }
     std::size_t total() const { return locked_copy(mutex_, reports_).size(); }
     std::vector<std::pair<qint64, qint64>> progress() const { return locked_copy(mutex_, progress_); }
     QStringList finished() const { return locked_copy(mutex_, finished_); }  // "success code net_error"
@@ -204,11 +165,10 @@ inline std::unique_ptr<collection::collection_service> start_service(collection:
     return service;
 }
 
-inline collection::reply json_reply(const std::string& body, int status = 200)
+inline collection::reply answer(std::string body, int status = 200, std::string type = "application/json")
 {
     collection::reply r;
-    r.status = status;
-    r.body = body;
+    r.status = status, r.content_type = std::move(type), r.body = std::move(body);
     return r;
 }
 

@@ -24,12 +24,11 @@ class tst_network : public QObject {
     Q_OBJECT
 private slots:
     void initTestCase() { QLoggingCategory::setFilterRules("default.debug=false"); }  // 10 MB answers
-    void init_warms_the_network_stack();  // first: nothing may have warmed it before
+    void registry_and_clean();  // first: nothing may have warmed the network stack before
     void cleanup() { clear_transport_security(); }
     void transport_settings();
     void exchange_data();
     void exchange();
-    void registry_and_clean();
     void calls_from_inside_a_report();
 };
 
@@ -81,13 +80,6 @@ request verified(QString target = "app.exe", QByteArray expected = kInstaller, i
         const auto sha256 = QCryptographicHash::hash(expected, QCryptographicHash::Sha256).toHex();
         QCOMPARE(download_verified(1, sink, base + "/files/app.exe", target, sha256, timeout), 0);
     };
-}
-
-reply answer(std::string body, int status = 200, std::string type = "application/json")
-{
-    reply r = json_reply(body, status);
-    r.content_type = type;
-    return r;
 }
 
 const reply real = answer("", 0);  // status 0: the service's own behaviour
@@ -158,28 +150,18 @@ QString as_expected(const QString& actual, const QString& expected)
 }  // namespace
 
 
-void tst_network::init_warms_the_network_stack()
-{
-    // Qt registers its network types with a process's first network access manager. The worker does
-    // that as it starts and information_init() waits for it: the host's first request neither pays
-    // for it nor races the worker over the registrations.
-    QCOMPARE(QMetaType::type("QPair<QByteArray,QByteArray>"), int(QMetaType::UnknownType));
-    library_session session;
-    QVERIFY(QMetaType::type("QPair<QByteArray,QByteArray>") != QMetaType::UnknownType);
-}
-
 void tst_network::transport_settings()
 {
+    // Settings that cannot be right are refused, and a verified download that cannot be right never starts.
     scoped_working_dir dir;
     write_file("no-certificate.pem", "");
-    QCOMPARE(set_trusted_certificates("missing.pem"), -1);
-    QCOMPARE(set_trusted_certificates("no-certificate.pem"), -1);
-    QCOMPARE(set_pinned_public_keys({"not base64!"}), -1);
-    QCOMPARE(set_pinned_public_keys({QString(QByteArray(31, 'x').toBase64())}), -1);
-    QCOMPARE(set_pinned_public_keys({}), 0);
-    QCOMPARE(download_verified(1, nullptr, "https://127.0.0.1:1/x", "x.bin", "abc", 1000), -1);
-    QCOMPARE(download_verified(1, nullptr, "https://127.0.0.1:1/x", "", QString(64, 'a'), 1000), -1);
-    QVERIFY(g_conn_manager.empty());  // nothing was started
+    const QString url = "https://127.0.0.1:1/x", short_key = QByteArray(31, 'x').toBase64();
+    QCOMPARE(QVector<int>({set_trusted_certificates("missing.pem"), set_trusted_certificates("no-certificate.pem"),
+                           set_pinned_public_keys({"not base64!"}), set_pinned_public_keys({short_key}), set_pinned_public_keys({}),
+                           download_verified(1, nullptr, url, "x.bin", "abc", 1000),
+                           download_verified(1, nullptr, url, "", QString(64, 'a'), 1000)}),
+             QVector<int>({-1, -1, -1, -1, 0, -1, -1}));
+    QVERIFY(g_conn_manager.empty());
 }
 
 void tst_network::exchange_data()
@@ -207,8 +189,6 @@ void tst_network::exchange_data()
     const QString app = "GET /files/app.exe";
     const QString tls = "SSL handshake failed: The certificate is self-signed, and untrusted";
     reply html = answer("<html><body><h1>500 Internal Server Error</h1></body></html>", 500, "text/html");
-    reply reset = answer(R"({"status":"success","result":")" + std::string(100000, 'r') + "\"}");
-    reset.reset_midway = true;
     reply silent = answer(""), drip = answer(R"({"status":"success"})" + std::string(2000, ' '));
     silent.silent = true;
     drip.chunk_size = 100, drip.chunk_pause = std::chrono::milliseconds(40);  // 800 ms in all, never 200 ms silent
@@ -221,7 +201,6 @@ void tst_network::exchange_data()
     row("refused without a reason", https, answer(R"({"status":"failed"})"), none, record(), post, refused);
     row("status spelled Success", https, answer(R"({"status":"Success"})"), none, record(), post, refused);
     row("no status", https, answer(R"({"result":"why"})"), none, record(), post, "0 10 -2 why");
-    row("not JSON", https, answer("hello"), none, record(), post, refused);
     row("10 MB answer", https, answer(R"({"status":"success","result":")" + std::string(10u << 20, 'x') + "\"}"), none,
         record(), post, ok);
     row("nested 100000 deep", https, answer(R"({"status":"success","x":)" + nested(100000) + "}"), none, record(), post,
@@ -229,7 +208,6 @@ void tst_network::exchange_data()
     row("nested 400 deep is fine", https, answer(R"({"status":"success","x":)" + nested(400) + "}"), none, record(), post, ok);
     row("HTML error page: reported twice", https, html, none, record(), post,
         "0 7 401 / 0 7 401 Error transferring /dtta?type=usage - server replied: Internal Server Error");
-    row("reset mid-answer", https, reset, none, record(), post, "0 7 2 / 0 7 2 Connection closed");
     row("connection refused", server::stopped, real, none, record(), "", "0 7 1 / 0 7 1 Connection refused");
     row("TLS 1.3 only: TLS 1.2 is pinned", server::tls13_only, real, none, record(), "", "0 7 6 / 0 7 6 SSL handshake failed");
     row("a forger accepted for any spelling of https", server::forger, real, none, via("hTtPs", record()), post, ok);
@@ -271,7 +249,6 @@ void tst_network::exchange_data()
     row("interface array of one", https, answer("[1]"), none, fetch(), get, ok + " content [1]");
     row("interface empty array", https, answer("[]"), none, fetch(), get, refused);
     row("interface empty object", https, answer("{}"), none, fetch(), get, refused);
-    row("interface not JSON", https, answer("version=2"), none, fetch(), get, refused);
     row("interface missing", https, real, none, fetch(), get, "0 7 203 / 0 7 203 ...");
 
     // downLoadApp: through <target minus four characters>.temp, reporting only success.
@@ -356,7 +333,6 @@ void tst_network::exchange()
     if (settings == policy::authority_and_pin || settings == policy::wrong_pin)
         QCOMPARE(set_pinned_public_keys(settings == policy::wrong_pin ? QStringList{fake_pin} : QStringList{fake_pin, pin}), 0);
 
-    qdebug_capture capture;  // no Qt warning either
     row_started = time(nullptr);
     call(base, &sink);
     QTRY_COMPARE_WITH_TIMEOUT(wire(service).replace(base, ""), sent, 20000);
@@ -370,7 +346,6 @@ void tst_network::exchange()
     const auto progress = sink.progress();
     for (std::size_t i = 1; i < progress.size(); ++i)
         QVERIFY(progress[i].first >= progress[i - 1].first && progress[i].first <= progress[i].second);
-    QCOMPARE(capture.warnings().join('\n'), QString());
     release_connect(1);
     if (heard.endsWith("...")) {  // released, it reports no more
         const std::size_t reports = sink.total();
@@ -385,7 +360,12 @@ void tst_network::registry_and_clean()
     scoped_working_dir dir;
     QCOMPARE(information_clean(), 0);  // without init: nothing to do
     QCOMPARE(release_connect(0), -1);  // empty registry
+    // Qt registers its network types with a process's first network access manager. The worker does
+    // that as it starts and information_init() waits for it: the host's first request neither pays
+    // for it nor races the worker over the registrations.
+    QCOMPARE(QMetaType::type("QPair<QByteArray,QByteArray>"), int(QMetaType::UnknownType));
     VeltraInfoMgr* manager = information_init();
+    QVERIFY(QMetaType::type("QPair<QByteArray,QByteArray>") != QMetaType::UnknownType);
     QVERIFY(manager && information_init() == manager && g_api_thread->isRunning());
     auto service = start_service();
     service->set_script([](const collection::received_request& r) {
@@ -403,7 +383,7 @@ void tst_network::registry_and_clean()
     QCOMPARE(release_connect(-5), 0);
     QCOMPARE(release_connect(-5), -1);
     downLoadApp(9, &sink, QString::fromStdString(service->base_url()) + "/installer", "app.exe");
-    QTRY_VERIFY(sink.count(0) > 1 && !sink.progress().empty());  // time-outs and a download under way
+    QTRY_VERIFY(sink.reports(0).size() > 1 && !sink.progress().empty());  // time-outs and a download under way
 
     QThread* worker = g_api_thread;
     QCOMPARE(information_clean(), 0);
@@ -438,19 +418,17 @@ void tst_network::calls_from_inside_a_report()
         if (id == 3019 && after_clean == 0)
             information_clean(), after_clean = sink.total();
     };
-    qdebug_capture capture;
     for (int id = 3000; id < 3020; ++id)
         upload_information(refused, "{}", kAppId, "usage", &sink, id, 5000);
     QTRY_VERIFY(after_clean > 0);
     QTest::qWait(200);
-    QCOMPARE(capture.warnings().join('\n'), QString());
     QCOMPARE(sink.total(), after_clean.load());
-    QCOMPARE(sink.count(3019), std::size_t(1));
+    QCOMPARE(sink.reports(3019).size(), std::size_t(1));
     QVERIFY(!g_api_thread && !g_information && g_conn_manager.empty());
     sink.then = nullptr;
     QVERIFY(information_init());
     upload_information(record_url(*service), "{}", kAppId, "usage", &sink, 4000, 5000);
-    QTRY_VERIFY(sink.count(4000) == 1 && sink.reports(4000).front().info.ok);
+    QTRY_VERIFY(sink.reports(4000).size() == 1 && sink.reports(4000).front().info.ok);
     information_clean();
 }
 

@@ -6,14 +6,14 @@
 #include <information_api/http.h>
 #include <information_api/json_handler.h>
 
-#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <sys/stat.h>
 #include <unistd.h>
 
 using namespace test_support;
-using manager_ptr = std::unique_ptr<windows_information_imp>;
+using W = windows_information_imp;
+using manager_ptr = std::unique_ptr<W>;
 // Writes records with a row's manager (which it may replace or end); returns the path to check.
 using step = std::function<QString(manager_ptr&)>;
 Q_DECLARE_METATYPE(step)
@@ -50,22 +50,26 @@ QString stamped(QString text, const QString& since)
 
 QString only_record() { return "./veltrainfo/" + record_files().value(0); }
 
+// Calls a builder, which takes most of its texts by reference, with copies of `args`.
+template <typename C, typename R, typename... P, typename... A> R call(manager_ptr& m, R (C::*builder)(P...), A... args)
+{
+    std::tuple<std::decay_t<P>...> copies{args...};
+    return std::apply([&](auto&... a) { return (m.get()->*builder)(a...); }, copies);
+}
+
 // Steps that write one record each; their identity is dev.ple / K300 / 3.1 / M, their period S / E.
 step usage(QString start = "", int guide = 0, QString modular = "")
 {
-    return [=](manager_ptr& m) mutable {
-        QString ple = "dev.ple", ver = "3.1", model = "K300";
-        m->create_usage_inifo(start, ple, ver, model, modular, guide);
-        return m->usageFilePath;
+    return [=](manager_ptr& m) {
+        return call(m, &W::create_usage_inifo, start, "dev.ple", "3.1", "K300", modular, guide), m->usageFilePath;
     };
 }
 
 step calibration(QStringList classes, QStringList pls)
 {
-    return [=](manager_ptr& m) mutable {
-        QStringList mods{"m1", "m2"}, starts{"s1", "s2"}, ends{"e1"}, results{"ok"};
-        QString ver = "3.1", ple = "dev.ple", model = "K300", modular = "M", start = "S", end = "E";
-        m->create_calibrate_inifo(mods, ver, ple, model, modular, pls, start, end, classes, starts, ends, results, 1);
+    return [=](manager_ptr& m) {
+        call(m, &W::create_calibrate_inifo, QStringList{"m1", "m2"}, "3.1", "dev.ple", "K300", "M", pls, "S", "E", classes,
+             QStringList{"s1", "s2"}, QStringList{"e1"}, QStringList{"ok"}, 1);
         return only_record();
     };
 }
@@ -73,10 +77,8 @@ step calibration(QStringList classes, QStringList pls)
 // ... but a share's identity is share.ple / K400 / S, its period S2 / E2: it takes no version.
 step share(QString a = "a")
 {
-    return [=](manager_ptr& m) mutable {
-        QString ple = "share.ple", model = "K400", modular = "S", start = "S2", end = "E2", t = "t", n = "n";
-        m->create_share_inifo(ple, model, modular, start, end, t, n, a, 0);
-        return only_record();
+    return [=](manager_ptr& m) {
+        return call(m, &W::create_share_inifo, "share.ple", "K400", "S", "S2", "E2", "t", "n", a, 0), only_record();
     };
 }
 
@@ -86,35 +88,21 @@ step scan(std::function<void(_tag_scan_info&)> fill)
         _tag_scan_info info;
         info.ple = "dev.ple", info.modelName = "K300", info.modular = "M", info.startOn = "S", info.endOn = "E";
         fill(info);
-        m->add_scan_info(info, 0);
-        return only_record();
+        return m->add_scan_info(info, 0), only_record();
     };
 }
 
 step feedback(QString ple, QStringList pls = {"P"}, QString modular = "M")
 {
-    return [=](manager_ptr& m) mutable {
-        QString ver = "3.1", model = "K300", email = "u@x.y", industry = "dental", text = "fine";
-        QStringList attachs{"a.png", QString::fromUtf8("图.jpg")};
-        return m->create_userfeedback_info(ple, ver, model, modular, pls, 1, email, industry, text, attachs);
+    return [=](manager_ptr& m) {
+        return call(m, &W::create_userfeedback_info, ple, "3.1", "K300", modular, pls, 1, "u@x.y", "dental", "fine",
+                    QStringList{"a.png", QString::fromUtf8("图.jpg")});
     };
 }
 
 step score(QString value, QString ple)
 {
-    return [=](manager_ptr& m) {
-        QString model = "K300", modular = "M";
-        return m->add_user_score(value, ple, "3.1", model, modular, "dental", 0);
-    };
-}
-
-// One record of every kind, and the usage record once more as the manager ends.
-void write_every_kind(manager_ptr& m, const QString& text = "")
-{
-    for (const step& write : {usage(), calibration({"c"}, {}), share(text), scan([](_tag_scan_info&) {}),
-                              feedback("dev.ple"), score("5", "dev.ple")})
-        write(m);
-    m.reset();
+    return [=](manager_ptr& m) { return call(m, &W::add_user_score, value, ple, "3.1", "K300", "M", "dental", 0); };
 }
 
 step then(step first, step second)
@@ -125,18 +113,17 @@ step then(step first, step second)
     };
 }
 
-// Under the Itanium C++ ABI a pointer to a virtual member function holds 1 + its entry's byte offset.
-template <typename Fn> long slot_of(Fn fn)
-{
-    static_assert(sizeof(Fn) == 2 * sizeof(void*), "Itanium member function pointer expected");
-    long raw[2];
-    std::memcpy(raw, &fn, sizeof raw);
-    return (raw[0] & 1) ? long((raw[0] - 1) / sizeof(void*)) : -1;
-}
-
+// Each operation's vtable slot. Under the Itanium C++ ABI a pointer to a virtual member function
+// holds 1 + its entry's byte offset.
 template <typename... Fn> QString slots_of(Fn... fns)
 {
-    return QStringList{QString::number(slot_of(fns))...}.join(' ');
+    const auto slot = [](auto fn) {
+        static_assert(sizeof fn == 2 * sizeof(void*), "Itanium member function pointer expected");
+        long raw[2];
+        std::memcpy(raw, &fn, sizeof raw);
+        return QString::number((raw[0] & 1) ? long((raw[0] - 1) / sizeof(void*)) : -1);
+    };
+    return QStringList{slot(fns)...}.join(' ');
 }
 
 // Each member's offset in `object`, then the object's size.
@@ -175,7 +162,6 @@ private slots:
     void file_bytes_and_trace_line();
     void unwritable_folder_data();
     void unwritable_folder();
-    void killed_writer_leaves_only_complete_records();
     void get_scan_info_data();
     void get_scan_info();
     void upload_config_data();
@@ -183,7 +169,7 @@ private slots:
     void due_and_expired_data();
     void due_and_expired();
     // Hosts built against the library call virtual operations by slot, read data members by offset
-    // and address the connector's signals and slots by index: none of them may move.
+    // and address the connector's signals and slots by index (queued connections too): none may move.
     void layout_data();
     void layout()
     {
@@ -191,7 +177,6 @@ private slots:
         QFETCH(QString, expected);
         QCOMPARE(actual, expected);
     }
-    void connector_meta_object();
 
 private:
     std::unique_ptr<scoped_working_dir> dir_;
@@ -204,12 +189,11 @@ void tst_records::builders_data()
     QTest::addColumn<QString>("type");    // of the record written, "" for none
     QTest::addColumn<QString>("record");  // its keys that differ from kEnvelope
     QTest::addColumn<QString>("stored");  // the manager's fields afterwards
-    QTest::addColumn<QString>("log");     // glog lines, then qDebug lines
-    const auto row = [](const char* name, step write, QString files, QString type, QString record, QString stored,
-                        QString log) { QTest::newRow(name) << write << files << type << record << stored << log; };
+    const auto row = [](const char* name, step write, QString files, QString type, QString record, QString stored) {
+        QTest::newRow(name) << write << files << type << record << stored;
+    };
     const QString usage_file = R"(\d{4}-\d\d-\d\dT\d\d-\d\d-\d\d\.info2)", utc_file = R"(\d{4}-\d\d-\d\dT\d\d-\d\d-\d\dZ\.info2)";
-    const QString usage_log = "create_usage_inifo 0|modular=modular_ple.size=0|create_usage_inifo 1", now = "<now>|<now>|";
-    const QString now_usage = R"({"tracingType":"usage","startOn":"<now>","endOn":"<now>")", ended = "|debug ~windows_information_imp";
+    const QString now = "<now>|<now>|", now_usage = R"({"tracingType":"usage","startOn":"<now>","endOn":"<now>")";
 
     row("usage: identity, machine numbers converted, fewer GPU sizes than models", [](manager_ptr& m) {
             m->setSoftwareName("Studio"), m->setDeviceSerial("SN1"), m->set_sn("ignored");
@@ -218,30 +202,27 @@ void tst_records::builders_data()
             return usage()(m);
         }, usage_file, "usage", now_usage + R"(,"softwareName":"Studio","seriaNum":"SN1","osHdExt":{"cpu":[{"cpuCores":0,
             "cpuModel":"cpu"}],"memSize":17179869184,"gpu":[{"gpuModel":"A","gpuMemSize":4096},{"gpuModel":"B"}],"hddSize":0,
-            "hddRemainSize":-5}})", now + "dev.ple|K300|3.1|||0|SN1", usage_log);
+            "hddRemainSize":-5}})", now + "dev.ple|K300|3.1|||0|SN1");
     row("usage: guide 1, a module without profiles", [](manager_ptr& m) {
             m->modularPles = QStringList{"stale"};
             return usage("", 1, "M")(m);
         }, usage_file, "usage", now_usage + R"(,"enableGuide":"yes","modularExt":{"ple":"dev.ple","modular":[{"name":"M",
-            "sn":"","mple":""}]}})", now + "dev.ple|K300|3.1|M||1|", "create_usage_inifo 0|modular=Mmodular_ple.size=0|create_usage_inifo 1");
+            "sn":"","mple":""}]}})", now + "dev.ple|K300|3.1|M||1|");
     row("usage: guide 2 is no; a later call rewrites the file, with a start of its own, not stored", [](manager_ptr& m) {
             QString ple = "first.ple", ver = "1", model = "K1", modular = "first";
             m->create_usage_inifo("", ple, ver, model, modular, 1);
             return usage("not a time", 2)(m);
         }, usage_file, "usage", R"({"tracingType":"usage","startOn":"not a time","endOn":"<now>"})",
-        now + "dev.ple|K300|3.1|||2|", "create_usage_inifo 0|modular=firstmodular_ple.size=0|create_usage_inifo 1|" + usage_log);
+        now + "dev.ple|K300|3.1|||2|");
     row("usage: the end time written as the manager ends", [](manager_ptr& m) {
             const QString path = usage()(m);
             m->usageRecord["endOn"] = "stale", m->usageRecord["marker"] = 42;  // rewritten from the record in memory
             return m.reset(), path;
-        }, usage_file, "usage", now_usage + R"(,"marker":42})", "ended", usage_log + ended);
-    row("usage: a manager without one writes nothing as it ends", [](manager_ptr& m) { return m.reset(), QString(); },
-        "", "", "", "ended", ended.mid(1));
+        }, usage_file, "usage", now_usage + R"(,"marker":42})", "ended");
     row("usage: the uploader's manager starts no period", [](manager_ptr& m) {
             QCoreApplication::setApplicationName("information_uploader");
             return m = std::make_unique<windows_information_imp>(), usage()(m);
-        }, R"(\.info2)", "usage", R"({"tracingType":"usage","startOn":"","endOn":""})", "||dev.ple|K300|3.1|||0|",
-        usage_log + ended);
+        }, R"(\.info2)", "usage", R"({"tracingType":"usage","startOn":"","endOn":""})", "||dev.ple|K300|3.1|||0|");
 
     row("calibration: shorter lists leave fields empty; the first empty profile listed, later ones skipped",
         calibration({"c1", "c2", "c3"}, {"", "A", "", "B"}), utc_file, "calibration", R"({"tracingType":"calibration",
@@ -249,18 +230,15 @@ void tst_records::builders_data()
             {"classsify":"c2","startOn":"s2","endOn":"","result":"","modular":"m2"},
             {"classsify":"c3","startOn":"","endOn":"","result":"","modular":""}],"modularExt":{"ple":"dev.ple","modular":[
             {"name":"M","sn":"","mple":""},{"name":"M","sn":"","mple":"A"},{"name":"M","sn":"","mple":"B"}]}})",
-        "S|E|dev.ple|K300|3.1|M|,A,,B|1|", "modular=Mdevice_ex_ple.size=4|modular=Mmodular_ple.size=4");
+        "S|E|dev.ple|K300|3.1|M|,A,,B|1|");
     row("share: its own identity, the version and profiles stored before", then(calibration({}, {"P1", "P2"}), share()),
         utc_file, "share", R"({"tracingType":"share","modelName":"K400","startOn":"S2","endOn":"E2","content":{"target":"t",
             "name":"n","account":"a"},"modularExt":{"ple":"share.ple","modular":[{"name":"S","sn":"","mple":"P1"},
-            {"name":"S","sn":"","mple":"P2"}]}})", "S2|E2|share.ple|K400|3.1|S|P1,P2|0|",
-        "modular=Mdevice_ex_ple.size=2|modular=Mmodular_ple.size=2|modular=Smodular_ple.size=2");
+            {"name":"S","sn":"","mple":"P2"}]}})", "S2|E2|share.ple|K400|3.1|S|P1,P2|0|");
     row("usage after a share: its period carried, profiles emptied", then(then(calibration({}, {"P"}), share()), usage()),
-        usage_file, "usage", R"({"tracingType":"usage","startOn":"S2","endOn":"E2"})", "S2|E2|dev.ple|K300|3.1|||0|",
-        "modular=Mdevice_ex_ple.size=1|modular=Mmodular_ple.size=1|modular=Smodular_ple.size=1|" + usage_log);
+        usage_file, "usage", R"({"tracingType":"usage","startOn":"S2","endOn":"E2"})", "S2|E2|dev.ple|K300|3.1|||0|");
 
     const QString scan_file = R"(\d{4}-\d\d-\d\dT\d\d-\d\d-(0?(\d\d?))\.\1\2Z\.info2)";  // "ss.sss": the seconds twice
-    const QString scan_log = "add_scan_info this->softwareVer = |modular=Mmodular_ple.size=0";
     row("scan: modes, alignment lists, box in single precision", scan([](_tag_scan_info& i) {
             i.modes = {{"ms", "me", "hd", "8", "on", {"marker", "feature"}, "turntable"}, {}};
             i.texture = "tx", i.totalPoint = "1200", i.pointDis = "0.2", i.length = "0.1", i.width = "2", i.height = "0.3";
@@ -270,25 +248,23 @@ void tst_records::builders_data()
             "hdr":"on","alignMode":["marker","feature"],"modular":"turntable"},{"startOn":"","endOn":"","classsify":"",
             "turntableSteps":"","hdr":"","alignMode":[],"modular":""}],"texture":"tx","totalPoint":1200,"pointDis":"0.2",
             "handHeldPointGenWay":"hw","meshType":"watertight","fileName":"a.stl",
-            "box":{"length":0.10000000149011612,"width":2,"height":0.30000001192092896}}})", "S|E|dev.ple|K300||M||0|", scan_log);
+            "box":{"length":0.10000000149011612,"width":2,"height":0.30000001192092896}}})", "S|E|dev.ple|K300||M||0|");
     row("scan: no 32-bit count, no finite float, a fraction widened, blanks; a profile without a module name",
         scan([](_tag_scan_info& i) {
             i.totalPoint = "4294967296", i.length = "nan", i.width = "-0.1", i.height = " 7 ", i.modular = "";
             i.modularPles = QStringList{"A"};
         }), scan_file, "scan", R"({"tracingType":"scan","softwareVer":"","modularExt":{"ple":"dev.ple","modular":[{"name":"",
             "sn":"","mple":"A"}]},"content":{"texture":"","pointDis":"","handHeldPointGenWay":"","meshType":"","fileName":"",
-            "totalPoint":0,"box":{"length":0,"width":-0.10000000149011612,"height":7}}})", "S|E|dev.ple|K300|||A|0|",
-        "add_scan_info this->softwareVer = |modular=modular_ple.size=1");
+            "totalPoint":0,"box":{"length":0,"width":-0.10000000149011612,"height":7}}})", "S|E|dev.ple|K300|||A|0|");
     row("flat scan: the envelope's tracing type, nothing stored", [](manager_ptr& m) {
-            QString h = "1.5", l = "2", w = "3", file = "f.stl", way = "way", mesh = "mesh", align = "marker", cls = "cls",
-                    hdr = "hdr", mod = "top", s = "s", e = "e", dis = "0.1", tex = "tex", pts = "12a";
             m->startOn = "S", m->endOn = "E";
-            m->create_scan_inifo(h, l, w, file, way, mesh, align, cls, hdr, mod, s, e, dis, tex, pts, "77", 1);
+            call(m, &W::create_scan_inifo, "1.5", "2", "3", "f.stl", "way", "mesh", "marker", "cls", "hdr", "top", "s", "e",
+                 "0.1", "tex", "12a", "77", 1);
             return only_record();
         }, utc_file, "scan", R"({"tracingType":"usage","modelName":"","softwareVer":"","modularExt":{"ple":""},"height":"1.5",
             "length":"2","width":"3","fileName":"f.stl","handHeldPointGenWay":"way","meshType":"mesh","alignMode":"marker",
             "classsify":"cls","hdr":"hdr","modular":"top","startOn":"s","endOn":"e","pointDis":"0.1","texture":"tex",
-            "totalPoint":"12a","totalFaces":"77"})", "S|E||||||0|", "modular=modular_ple.size=0");
+            "totalPoint":"12a","totalFaces":"77"})", "S|E||||||0|");
 
     const QString feedback_record = R"({"tracingType":"feedback","enableGuide":"yes","startOn":"<now>","endOn":"<now>",
         "content":{"email":"u@x.y","industry":"dental","content":"fine","attachs":["a.png","图.jpg"]},
@@ -297,26 +273,23 @@ void tst_records::builders_data()
         "industry":"dental"},"modularExt":{"ple":"%2","modular":[{"name":"M","sn":"","mple":""}]}})";
     const QString user_file = R"(\d{4}-\d\d-\d\dT\d\d-\d\d-\d\d\.)";
     row("feedback: a period of its own, a profile's variant removed", then(share(), feedback("pro-2xK300.ple")),
-        user_file + "info2", "feedback", feedback_record.arg("pro-K300.ple"), now + "pro-K300.ple|K300|3.1|M|P|1|",
-        "modular=Smodular_ple.size=0|modular=Mmodular_ple.size=1");
+        user_file + "info2", "feedback", feedback_record.arg("pro-K300.ple"), now + "pro-K300.ple|K300|3.1|M|P|1|");
     row("feedback: case-insensitive, neither module nor profiles", feedback("a-1K300.PLE", {}, ""), user_file + "info2",
         "feedback", QString(feedback_record).remove(R"(,"modular":[{"name":"M","sn":"","mple":"P"}])").arg("a-K300.PLE"),
-        now + "a-K300.PLE|K300|3.1|||1|", "modular=modular_ple.size=0");
+        now + "a-K300.PLE|K300|3.1|||1|");
     row("score: profiles emptied, a decimal score", then(feedback("dev.ple"), score(" 9 ", "pro-K300.ple")),
-        user_file + "score2", "score", score_record.arg(9).arg("pro-K300.ple"), now + "pro-K300.ple|K300|3.1|M||0|",
-        "modular=Mmodular_ple.size=1|modular=Mmodular_ple.size=0");
+        user_file + "score2", "score", score_record.arg(9).arg("pro-K300.ple"), now + "pro-K300.ple|K300|3.1|M||0|");
     for (const auto& [value, ple] : std::vector<std::pair<QString, QString>>{
              {"abc", "K300.ple"}, {"7.5", "-xK300.ple"}, {"", "abc-K300.ple"}, {"12a", "abc-x.ple"}})
         row(qPrintable("score: \"" + value + "\" is 0, " + ple + " kept"), score(value, ple), user_file + "score2", "score",
-            score_record.arg(0).arg(ple), now + ple + "|K300|3.1|M||0|", "modular=Mmodular_ple.size=0");
+            score_record.arg(0).arg(ple), now + ple + "|K300|3.1|M||0|");
 
     // set_ple repeats a K300 profile's tail after a variant, where feedback and scores drop the variant.
-    const QStringList ples{"abc-xK300.ple", "abc-xK300.pleK300.ple", "ab-1K300.PLE", "ab-1K300.PLEK300.PLE", "a-bcK300.ple.bak",
-                           "a-bcK300.ple.bakK300.ple.bak", "abc-K300.ple", "abc-K300.ple", "-xK300.ple", "-xK300.ple",
-                           "K300.ple", "K300.ple"};
+    const QStringList ples{"abc-xK300.ple", "abc-xK300.pleK300.ple", "ab-1K300.PLE", "ab-1K300.PLEK300.PLE",
+                           "abc-K300.ple", "abc-K300.ple", "-xK300.ple", "-xK300.ple"};
     for (int i = 0; i < ples.size(); i += 2)
         row(qPrintable("set_ple " + ples[i]), [ple = ples[i]](manager_ptr& m) { return m->set_ple(ple), QString(); }, "", "", "",
-            now + ples[i + 1] + "|||||0|", "");
+            now + ples[i + 1] + "|||||0|");
 }
 
 void tst_records::builders()
@@ -326,19 +299,9 @@ void tst_records::builders()
     QFETCH(QString, type);
     QFETCH(QString, record);
     QFETCH(QString, stored);
-    QFETCH(QString, log);
     const QString since = utc_now();
     auto m = std::make_unique<windows_information_imp>();
-    QStringList lines;
-    QString path;
-    {
-        glog_capture glog;
-        qdebug_capture debug;
-        path = write(m);
-        lines = glog.lines();
-        for (const QString& text : debug.texts())
-            lines << "debug " + text;
-    }
+    const QString path = write(m);
     QVERIFY2(QRegularExpression("^" + files + "$").match(record_files().join(' ')).hasMatch(),
              qPrintable(record_files().join(' ')));
     if (!type.isEmpty()) {
@@ -353,7 +316,6 @@ void tst_records::builders()
             QCOMPARE(m->usageRecord, written.json());
     }
     QCOMPARE(stamped(stored_fields(m.get()), since), stored);
-    QCOMPARE(lines.join('|'), log);
 }
 
 void tst_records::file_bytes_and_trace_line()
@@ -397,28 +359,13 @@ void tst_records::unwritable_folder()
         QVERIFY(QFile::link(target, "veltrainfo"));
     glog_capture log;
     auto m = std::make_unique<windows_information_imp>();
-    write_every_kind(m);
+    for (const step& write : {usage(), calibration({"c"}, {}), share(), scan([](_tag_scan_info&) {}), feedback("dev.ple"),
+                              score("5", "dev.ple")})
+        write(m);
+    m.reset();
     QCOMPARE(log.lines().filter(QRegularExpression(R"(^record not written: \./veltrainfo/[^ ]+\.(info2|score2) \(QSettings status AccessError\)$)")).size(), 7);
     if (target.isEmpty())
         QCOMPARE(read_file("veltrainfo"), QByteArray("precious"));
-}
-
-void tst_records::killed_writer_leaves_only_complete_records()
-{
-    for (int kill = 0; kill < 200; ++kill) {
-        QProcess writer;
-        writer.start(QCoreApplication::applicationFilePath(), {"--record-writer"});
-        QVERIFY(writer.waitForStarted());
-        QTest::qSleep(int(QRandomGenerator::global()->bounded(5, 80)));  // mostly in the middle of a record
-        ::kill(pid_t(writer.processId()), SIGKILL);
-        QVERIFY(writer.waitForFinished());
-        // Checked after every kill: the next writer may overwrite a record of the same second.
-        for (const QString& name : QDir("veltrainfo").entryList({"*.info2", "*.score2"}, QDir::Files)) {
-            const record_file record = read_record("veltrainfo/" + name);
-            QVERIFY2(!record.type.isEmpty() && QJsonDocument::fromJson(record.data).isObject(), qPrintable(name));
-        }
-    }
-    QVERIFY2(!record_files().isEmpty(), "the writer never got to write");
 }
 
 void tst_records::get_scan_info_data()
@@ -434,9 +381,7 @@ void tst_records::get_scan_info_data()
     QTest::newRow("data cut at NUL") << QByteArray("[General]\ndata=@ByteArray(ab\\0cd)\ntype=t\n") << 0 << "ab" << "t" << "";
     QTest::newRow("variant text inside a record")
         << QByteArray("[General]\ndata=\"@ByteArray(a,@Variant(\\0))\"\ntype=t\n") << 0 << "a,@Variant(" << "t" << "";
-    // QSettings would decode these with QDataStream: a list of 2^31 entries, a list nested 200,000 deep.
-    QTest::newRow("serialised variant") << QByteArray("[General]\ndata=@Variant(\\0\\0\\0\\v\\x7f\\xff\\xff\\xff)\ntype=usage\n")
-                                        << -1 << "kept" << "kept" << variant;
+    // QSettings would decode these with QDataStream (a list of 2^31 entries is among the fuzz inputs kept).
     QTest::newRow("nested 200,000 deep")
         << "[General]\ntype=usage\ndata=@Variant(" + QByteArray(R"(\0\0\0\t\0\0\0\x1)").repeated(200000) + ")\n" << -1
         << "kept" << "kept" << variant;
@@ -463,15 +408,10 @@ void tst_records::get_scan_info()
     windows_information_imp m;
     QString got_data = "kept", got_type = "kept";
     glog_capture glog;
-    qdebug_capture debug;
     QCOMPARE(m.get_scan_info("record.info2", got_data, got_type), result);
     QCOMPARE(got_data.isNull() ? "<null>" : got_data, data);
     QCOMPARE(got_type, type);
     QCOMPARE(glog.lines().join('|'), log);
-    // Log readers match the function text of the existing builds.
-    QCOMPARE(debug.located(), result ? QStringList() : QStringList{QString(
-        "default|information_api/windows_information_imp.cpp|virtual int information_api::windows_information_imp::"
-        "get_scan_info(const QString &, QString &, QString &)|type= \"%1\"").arg(type)});
 }
 
 void tst_records::upload_config_data()
@@ -486,10 +426,8 @@ void tst_records::upload_config_data()
         QTest::newRow(name) << system << url_config << before << expected;
     };
     const auto set_urls = [](QString release, QString test, QString file_release = "", QString file_test = "") -> step {
-        return [=](manager_ptr& m) mutable {
-            m->set_upload_url(release, test);
-            m->setUploadFileUrl(file_release, file_test);
-            return QString();
+        return [=](manager_ptr& m) {
+            return call(m, &W::set_upload_url, release, test), call(m, &W::setUploadFileUrl, file_release, file_test), "";
         };
     };
     const QVariantMap url_config{{"upload_url", "https://first.example"}};
@@ -502,11 +440,8 @@ void tst_records::upload_config_data()
     row("test mode with urls set", {{"test", 2}, {"enable", 1}}, {}, set_urls("https://rel", "https://tst", "", "https://tst/up"),
         "1 60 https://tst <T> | https://rel https://tst | https://tst/up <cdn> 20 | 2_test_url https://tst");
     row("url_config read once", {{"enable", 1}, {"time_intval", 15}, {"connect_time", 5}}, url_config, [](manager_ptr& m) {
-            int i;
-            QString s;
-            m->get_upload_config(i, i, s, s, s);
-            write_ini("url_config.ini", {{"upload_url", "https://second.example"}});
-            return QString();
+            call(m, &W::get_upload_config, 0, 0, "", "", "");
+            return write_ini("url_config.ini", {{"upload_url", "https://second.example"}}), "";
         }, "1 15 https://first.example <R> | https://first.example | <files> <cdn> 5 | 0_test_url |0_test_url ");
 }
 
@@ -549,7 +484,6 @@ void tst_records::due_and_expired_data()
     row("due from one day; other files never", {}, "0 12:00:00", {"older|5|12:00:00", "today|0|08:00:00", "yesterday|1|12:00:00",
         "a.score2|90|08:00:00", "b.txt|90|08:00:00", "c.info2.bak|90|08:00:00"}, "older yesterday", "");
     row("start just after midnight", {}, "0 00:00:30", {"before|1|23:59:59", "after|0|00:00:01"}, "before", "");
-    row("start just before midnight", {}, "0 23:59:59", {"day-before|1|23:59:59", "same-day|0|00:00:00"}, "day-before", "");
     row("minimum 0: up to the start's day", {{"uploadintval", 0}}, "1 12:00:00",
         {"later-that-day|1|23:00:00", "today|0|00:00:01", "old|3|09:00:00"}, "old later-that-day", "");
     row("minimum 2", {{"uploadintval", 2}}, "0 12:00:00", {"one|1|12:00:00", "two|2|00:00:00", "three|3|23:59:59"},
@@ -588,15 +522,11 @@ void tst_records::due_and_expired()
     QCoreApplication::instance()->setProperty("start_time", start_time);
     windows_information_imp m;
 
-    QStringList listed{"given"}, expected{"given"}, lines;
-    for (const QString& name : due.split(' ', Qt::SkipEmptyParts)) {
+    QStringList listed{"given"}, expected{"given"};
+    for (const QString& name : due.split(' ', Qt::SkipEmptyParts))
         expected << path(name);
-        lines << QString("day_diff %1 upload file  \"%2\"").arg(QFileInfo(path(name)).lastModified().daysTo(start_time)).arg(path(name));
-    }
-    qdebug_capture debug;
     QCOMPARE(m.get_upload_files(listed), expected.size());
     QCOMPARE(listed, expected);
-    QCOMPARE(debug.texts(), lines);
 
     glog_capture log;
     m.clear_timeout_file();
@@ -613,7 +543,6 @@ void tst_records::layout_data()
     QTest::addColumn<QString>("actual");
     QTest::addColumn<QString>("expected");
     using I = VeltraInfoMgr;
-    using W = windows_information_imp;
     // Entries 0 and 1 hold the two destructors of the virtual destructor.
     QTest::newRow("manager's operations") << slots_of(&I::setSoftwareName, &I::add_scan_info, &I::create_calibrate_inifo,
         &I::create_share_inifo, &I::create_usage_inifo, &I::add_user_score, &I::create_userfeedback_info,
@@ -652,34 +581,26 @@ void tst_records::layout_data()
     http_connector c(0, nullptr, nullptr);
     QTest::newRow("connector") << offsets(c, c.rt_, c.timer_, c.manager, c.request_, c.reply_, c.bytes_received_,
         c.last_activity_, c.sink_, c.id_, c.handler_, c.file_path_) << from(16, 12, 8);
+    const QMetaObject& meta = http_connector::staticMetaObject;
+    QStringList methods;
+    for (int i = meta.methodOffset(); i < meta.methodCount(); ++i)
+        methods << meta.method(i).methodSignature() + (meta.method(i).methodType() == QMetaMethod::Signal ? " signal" : "");
+    QTest::newRow("connector's signals and slots") << methods.join(' ') << "finished() signal replyFinished(QNetworkReply*) "
+        "replyDownload(QNetworkReply*) timeout_event() http_ready_read() update_data_read_progress(qlonglong,qlonglong) "
+        "update_data_write_progress(qlonglong,qlonglong) error(QNetworkReply::NetworkError) sslErrors(QList<QSslError>) "
+        "slot_onDownLoadFileReadyRead() slot_onDownLoadFileError(QNetworkReply::NetworkError) "
+        "slot_onDownLoadFileSSLError(QList<QSslError>) slot_onDownLoadFileDownloadProgress(qlonglong,qlonglong) "
+        "slot_onDownLoadFileFinished()";
+    QTest::newRow("worker thread's own methods: none")
+        << QString::number(api_thread::staticMetaObject.methodCount() - QThread::staticMetaObject.methodCount()) << "0";
     QTest::newRow("response type name") << QString(QMetaType::typeName(qMetaTypeId<response_info_t>()))
                                         << "information_api::response_info_t";
-}
-
-void tst_records::connector_meta_object()
-{
-    // Hosts and queued connections address these by index.
-    const QStringList expected{"finished() signal", "replyFinished(QNetworkReply*)", "replyDownload(QNetworkReply*)",
-        "timeout_event()", "http_ready_read()", "update_data_read_progress(qlonglong,qlonglong)",
-        "update_data_write_progress(qlonglong,qlonglong)", "error(QNetworkReply::NetworkError)",
-        "sslErrors(QList<QSslError>)", "slot_onDownLoadFileReadyRead()",
-        "slot_onDownLoadFileError(QNetworkReply::NetworkError)", "slot_onDownLoadFileSSLError(QList<QSslError>)",
-        "slot_onDownLoadFileDownloadProgress(qlonglong,qlonglong)", "slot_onDownLoadFileFinished()"};
-    const QMetaObject& meta = http_connector::staticMetaObject;
-    QStringList actual;
-    for (int i = meta.methodOffset(); i < meta.methodCount(); ++i)
-        actual << meta.method(i).methodSignature() + (meta.method(i).methodType() == QMetaMethod::Signal ? " signal" : "");
-    QCOMPARE(actual, expected);
-    QCOMPARE(api_thread::staticMetaObject.methodCount(), QThread::staticMetaObject.methodCount());
 }
 
 int main(int argc, char** argv)
 {
     QCoreApplication app(argc, argv);
     app.setApplicationName("tst_records");
-    if (argc > 1 && qstrcmp(argv[1], "--record-writer") == 0)  // the killed writer: records until it is killed
-        for (auto m = std::make_unique<windows_information_imp>();; m = std::make_unique<windows_information_imp>())
-            write_every_kind(m, QString(400, 'x'));
     tst_records test;
     return QTest::qExec(&test, argc, argv);
 }

@@ -83,10 +83,10 @@ void tst_uploader::one_run()
     if (condition == misbehaving)
         service->set_script([](const collection::received_request& r) -> std::optional<collection::reply> {
             const auto carries = [&](const char* name) { return r.body.find(name) != std::string::npos; };
-            collection::reply answer = json_reply(R"({"status":"failed","result":"duplicate record"})");
-            answer.silent = carries("c.info2");
-            answer.reset_midway = carries("d.info2");
-            return carries("a.info2") || carries("e.info2") ? std::nullopt : std::optional(answer);
+            collection::reply refusal = answer(R"({"status":"failed","result":"duplicate record"})");
+            refusal.silent = carries("c.info2");
+            refusal.reset_midway = carries("d.info2");
+            return carries("a.info2") || carries("e.info2") ? std::nullopt : std::optional(refusal);
         });
     QLockFile other_run("veltrainfo/.information_uploader.lock");
     if (condition == locked)
