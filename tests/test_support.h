@@ -146,17 +146,6 @@ private:
     QStringList finished_;
 };
 
-// information_init() for its lifetime, in a private working directory. Declare sinks before it:
-// connections may report until it ends.
-class library_session {
-public:
-    library_session() { information_init(); }
-    ~library_session() { information_clean(); }
-
-private:
-    scoped_working_dir dir_;
-};
-
 inline std::unique_ptr<collection::collection_service> start_service(collection::service_options options = {})
 {
     auto service = std::make_unique<collection::collection_service>(options);

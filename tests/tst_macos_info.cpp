@@ -6,8 +6,6 @@
 
 #include <QtTest>
 
-#include <mutex>
-
 using information_api::KrMacosInfo;
 using namespace fake;
 using namespace std::string_literals;
@@ -15,50 +13,41 @@ using probe = QVariantMap (*)();
 Q_DECLARE_METATYPE(machine)
 Q_DECLARE_METATYPE(probe)
 
-namespace {
+static const probe screenInfo = KrMacosInfo::getScreenResolutionInfo, systemInfo = KrMacosInfo::getSystemVersionInfo,
+                   languageInfo = KrMacosInfo::getSystemLanguageInfo, cpuInfo = KrMacosInfo::getCpuModelInfo,
+                   memoryInfo = KrMacosInfo::getMemoryInfo, gpuInfo = KrMacosInfo::getGpuInfo;
 
-const probe screenInfo = KrMacosInfo::getScreenResolutionInfo, systemInfo = KrMacosInfo::getSystemVersionInfo,
-            languageInfo = KrMacosInfo::getSystemLanguageInfo, cpuInfo = KrMacosInfo::getCpuModelInfo,
-            memoryInfo = KrMacosInfo::getMemoryInfo, gpuInfo = KrMacosInfo::getGpuInfo;
-
-// allSystemInfo() twice: whether each call's signal, from a pool thread, carries what the probes tell.
-QVariantMap collectTwice()
+// allSystemInfo(): whether it returns before its signal, which comes from another thread and carries what the probes
+// tell.
+static QVariantMap collect()
 {
     const QVariantMap probed{{"cpu", cpuInfo()}, {"memory", memoryInfo()}, {"screen", screenInfo()},
                              {"system", systemInfo()}, {"language", languageInfo()}};
     KrMacosInfo info;
-    std::mutex mutex;  // a QMutex's futex is invisible to ThreadSanitizer
-    QVariantList received;
-    QObject::connect(&info, &KrMacosInfo::allSystemInfoFinished, [&](const QVariantMap& all) {
-        std::lock_guard<std::mutex> lock(mutex);
-        received << (QThread::currentThread() == info.thread() ? QVariant("from the caller's thread") : all);
-    });
+    QVariantList received;  // on this thread: from another, the signal is queued
+    QObject::connect(&info, &KrMacosInfo::allSystemInfoFinished, &info, [&](QVariantMap all) { received << all; });
     info.allSystemInfo();
-    info.allSystemInfo();
+    const bool returnedFirst = received.isEmpty();
     QThreadPool::globalInstance()->waitForDone();
-    std::lock_guard<std::mutex> lock(mutex);
-    return {{"as probed", received == QVariantList{probed, probed}}};
+    QCoreApplication::sendPostedEvents();
+    return {{"as probed", returnedFirst && received == QVariantList{probed}}};
 }
 
-void row(const char* name, probe run, const machine& m, const QVariantMap& expected)
-{
-    QTest::newRow(name) << run << m << expected;
-}
+static void row(const char* tag, probe p, machine m, QVariantMap expected) { QTest::newRow(tag) << p << m << expected; }
 
-QVariant screen(const char* name, const char* pixels, const char* geometry, double logicalDpi, double physicalDpi)
+static QVariant screen(const char* name, const char* pixels = "1920 x 1080", const char* geometry = "1920 x 1080 (0,0)",
+                       double logicalDpi = 72, double physicalDpi = 0)
 {
     return QVariantMap{{"name", name}, {"resolution", pixels}, {"availableGeometry", geometry},
                        {"logicalDpi", logicalDpi}, {"physicalDpi", physicalDpi}};
 }
-
-}  // namespace
 
 class tst_macos_info : public QObject {
     Q_OBJECT
 
 private slots:
     // Every row gives back all it owned; fake_machine.h tells which other misuse fails, and where.
-    void cleanup() { QCOMPARE(unreleased.exchange(0), 0); }
+    void cleanup() { QCOMPARE(std::exchange(unreleased, 0), 0); }
 
     void probes_data()
     {
@@ -66,33 +55,42 @@ private slots:
         QTest::addColumn<machine>("mac");
         QTest::addColumn<QVariantMap>("expected");
 
-        // Apple silicon lends no IOKit port for a display. The main display is not listed first.
+        // Displays by id: a Retina one without display information, one named in two languages, one whose information
+        // has no names, one with none in its names, the main one, without an IOKit port (as on Apple silicon), and the
+        // last, unplugged between the count and the list.
         machine m;
-        m.displays = {{4, "Sidecar – iPad", false, {600, 0}, {0, 1920}, {{-1279.6, -0.5}, {1279.6, 720.4}}},
-                      {69733378, nullptr, true, {0, 340}},
-                      {1, "Built-in", false, {330, 206}, {1440, 2880}, {{0, 0}, {1440, 900}}, 2880, 1800}};
-        row("screen: Retina, unnamed, a mode of zero width, a zero dimension, halves rounded", screenInfo, m,
-            {{"size", 3}, {"primaryScreenName", "Display 69733378"},
-             {"screens", QVariantList{screen("Sidecar – iPad", "1920 x 1080", "1280 x 720 (-1280,0)", 72, 0),
-                                      screen("Display 69733378", "1920 x 1080", "1920 x 1080 (0,0)", 72, 0),
-                                      screen("Built-in", "2880 x 1800", "1440 x 900 (0,0)", 144,
-                                             (2880 * 25.4 / 330 + 1800 * 25.4 / 206) * 0.5)}}});
+        m.displays = {{1, {no_info, {}, false, {330, 206}, {1440, 2880}, {{0, 0}, {1440, 900}}, 2880, 1800}},
+                      {4, {named, {"de_DE", "Sidecar-Display", "en_GB", "Sidecar – iPad"}, false, {600, 0}, {0, 1920},
+                           {{-1279.6, -0.5}, {1279.6, 720.4}}}},
+                      {5, {no_names}}, {6, {}}, {69733378, {no_port, {}, true}}, {69733379, {}}};
+        m.unplugged = 1;
+        row("screen: names or fallbacks, Retina, a mode of zero width, a zero dimension, halves rounded", screenInfo, m,
+            {{"size", 5}, {"primaryScreenName", "Display 69733378"},
+             {"screens", QVariantList{screen("Display 1", "2880 x 1800", "1440 x 900 (0,0)", 144,
+                                             (2880 * 25.4 / 330 + 1800 * 25.4 / 206) * 0.5),
+                                      screen("Sidecar – iPad", "1920 x 1080", "1280 x 720 (-1280,0)"),
+                                      screen("Display 5"), screen("Display 6"), screen("Display 69733378")}}});
         m.sysctls = {{"hw.memsize", (uint64_t(24) << 30) + 1}};
         m.vmPages = {0xFFFFFFFF, 11111, 0xFFFFFFFF, 11111};  // free and inactive: their sum needs 33 bits
         row("memory: unrounded, 64-bit page arithmetic", memoryInfo, m,
             {{"totalMemoryGB", 24 + 1.0 / (1 << 30)}, {"freeMemoryGB", 2.0 * 0xFFFFFFFF * 16384 / (1 << 30)}});
-        row("all: one signal per call, from the pool", collectTwice, m, {{"as probed", true}});
+        row("all: signalled from another thread", collect, m, {{"as probed", true}});  // languages unset: NULL
+        m.pageSize = 0;
+        row("memory: no page size", memoryInfo, m, {{"totalMemoryGB", 24 + 1.0 / (1 << 30)}});
+        row("memory: nothing readable", memoryInfo, machine(), {});
 
-        m.sysctls = {{"kern.osproductversion", " 14.2.1\n"}, {"kern.osrelease", "23.2.0"}};
+        m.sysctls = {{"kern.osproductversion", " 14.2.1\n"}, {"kern.osrelease", "23.2.0"}, {"hw.model", "Mac14,2"}};
         row("system: product version, trimmed", systemInfo, m, {{"systemName", "macOS"}, {"productVersion", "14.2.1"}});
-        m.preferredLanguages = {"zh-Hans-CN", "en-GB"};
+        row("cpu: no brand, not Arm: the model", cpuInfo, m, {{"name", "Mac14,2"}});
+        m.sysctls.erase("kern.osproductversion");
+        row("system: the kernel release alone", systemInfo, m, {{"systemName", "macOS"}, {"productVersion", "23.2.0"}});
+        m.preferredLanguages = value(cf_array, 0, {"zh-Hans-CN", "en-GB"});
         row("language: the first, dashes replaced", languageInfo, m, {{"languageCode", "zh_Hans_CN"}});
-        row("language: none", languageInfo, machine(), {{"languageCode", QLocale::system().name()}});
+        m.preferredLanguages->members.clear();
+        row("language: an empty list", languageInfo, m, {{"languageCode", QLocale::system().name()}});
 
         m.sysctls = {{"machdep.cpu.brand_string", "Virtual CPU"}, {"hw.optional.arm64", 1}, {"hw.physicalcpu", 0}};
         row("cpu: Arm, a brand naming neither maker", cpuInfo, m, {{"name", "Virtual CPU"}, {"manufacturer", "Apple"}});
-        m.sysctls.at("machdep.cpu.brand_string") = "Apple M2 Pro";
-        row("cpu: Apple silicon", cpuInfo, m, {{"name", "Apple M2 Pro"}, {"manufacturer", "Apple"}});
         row("cpu: nothing readable", cpuInfo, machine(), {});
         m.sysctls = {{"machdep.cpu.brand_string", "intel"}, {"hw.physicalcpu", 4}, {"hw.logicalcpu", 8},
                      {"hw.cpufrequency_max", uint64_t(999999999)}, {"hw.cpufrequency", uint64_t(800000000)}};
@@ -101,19 +99,20 @@ private slots:
 
         // A 3D controller, its name as firmware data; a class code read most significant byte first, so that one stored
         // little-endian does not count; Apple silicon, whose accelerator finds VRAM and driver on its parent; IOGPU
-        // names from the fallbacks, one twice.
+        // names from the fallbacks, one twice, and one with none anywhere.
         m.registry = {{{"IOPCIDevice"}, {{"model", "NVIDIA Tesla\0"s}, {"class-code", "\0\3\2\0"s},
                                          {"VRAM,totalMB", 8192}, {"driver-version", "4.6.1"}}},
-                      {{"IOPCIDevice"}, {{"model", "Radeon"}, {"class-code", "\0\0\3\0"s}}},
+                      {{"IOPCIDevice"}, {{"model", "Radeon"}, {"class-code", "\0\0\3\0"s}}}, {{"", "IOGPU"}},
                       {{"AppleARMIODevice"}, {{"VRAM,totalsize", int64_t(8) << 30}, {"driver-version", " 12.1 \0x"s}}},
-                      {{"AGXAcceleratorG14X", "IOGPU"}, {{"model", "Apple M2 Pro"}}, 2},
+                      {{"AGXAcceleratorG14X", "IOGPU"}, {{"model", "Apple M2 Pro"}}, 3},
                       {{"G", "IOGPU"}, {{"gpu-model", " Tiny \0"s}}}, {{"Zero", "IOGPU"}}, {{"Zero", "IOGPU"}}};
-        const QVariantList gpus{
-            QVariantMap{{"name", "NVIDIA Tesla"}, {"vramMB", 8192.0}, {"driverVersion", "4.6.1"}},
-            QVariantMap{{"name", "Apple M2 Pro"}, {"vramMB", 8192.0}, {"driverVersion", "12.1"}},
-            QVariantMap{{"name", "Tiny"}}, QVariantMap{{"name", "Zero"}}};
+        const QVariantList gpus{QVariantMap{{"name", "NVIDIA Tesla"}, {"vramMB", 8192.0}, {"driverVersion", "4.6.1"}},
+                                QVariantMap{{"name", "Apple M2 Pro"}, {"vramMB", 8192.0}, {"driverVersion", "12.1"}},
+                                QVariantMap{{"name", "Tiny"}}, QVariantMap{{"name", "Zero"}}};
         row("gpu: both classes", gpuInfo, m, {{"gpuCount", 4}, {"gpus", gpus}});
-        row("gpu: none", gpuInfo, machine(), {{"gpuCount", 0}, {"gpus", QVariantList()}});
+
+        m.unplugged = -1;  // the window server, after the count
+        row("screen: the list fails", screenInfo, m, {{"size", 0}, {"screens", QVariantList()}});
     }
 
     void probes()

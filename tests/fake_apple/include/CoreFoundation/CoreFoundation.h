@@ -8,11 +8,10 @@
 
 typedef unsigned char Boolean;
 typedef unsigned char UInt8;
-typedef uint32_t UInt32;
 typedef long CFIndex;
 typedef unsigned long CFTypeID;
 typedef const void* CFTypeRef;
-typedef UInt32 CFStringEncoding;
+typedef uint32_t CFStringEncoding;
 
 typedef const struct __CFAllocator* CFAllocatorRef;
 typedef const struct __CFString* CFStringRef;
@@ -28,13 +27,8 @@ enum CFNumberType : CFIndex { kCFNumberSInt32Type = 3, kCFNumberSInt64Type = 4 }
 
 inline const CFAllocatorRef kCFAllocatorDefault = nullptr;
 
-// As with the real framework, CFSTR yields a constant string that must never be released: one per text and thread.
-inline CFStringRef __CFStringMakeConstantString(const char* cStr)
-{
-    thread_local std::map<std::string, fake::value> constants;
-    return reinterpret_cast<CFStringRef>(&constants.emplace(cStr, cStr).first->second);
-}
-#define CFSTR(cStr) __CFStringMakeConstantString("" cStr "")
+// As with the real framework, CFSTR yields a constant string that must never be released: one per use and thread.
+#define CFSTR(cStr) ([] { thread_local fake::value s("" cStr ""); return reinterpret_cast<CFStringRef>(&s); }())
 
 inline CFTypeID CFGetTypeID(CFTypeRef cf) { return fake::as(cf).type; }
 inline void CFRelease(CFTypeRef cf) { delete fake::release(fake::as(cf)); }
@@ -45,8 +39,7 @@ inline CFIndex CFStringGetMaximumSizeForEncoding(CFIndex length, CFStringEncodin
 
 inline Boolean CFStringGetCString(CFStringRef s, char* buffer, CFIndex bufferSize, CFStringEncoding)
 {
-    const std::string& text = fake::as(s).bytes;
-    return CFIndex(text.size()) < bufferSize && std::strcpy(buffer, text.c_str());
+    return CFIndex(fake::as(s).bytes.size()) < bufferSize && std::strcpy(buffer, fake::as(s).bytes.c_str());
 }
 
 inline CFIndex CFArrayGetCount(CFArrayRef a) { return CFIndex(fake::as(a).members.size()); }
@@ -85,5 +78,5 @@ inline CFIndex CFDataGetLength(CFDataRef d) { return CFIndex(fake::as(d).bytes.s
 
 inline CFArrayRef CFLocaleCopyPreferredLanguages(void)
 {
-    return fake::create<CFArrayRef>({fake::cf_array, 0, fake::installed.preferredLanguages});
+    return fake::installed.preferredLanguages ? fake::create<CFArrayRef>(*fake::installed.preferredLanguages) : nullptr;
 }

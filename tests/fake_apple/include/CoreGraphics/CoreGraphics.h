@@ -10,32 +10,33 @@ typedef struct CGSize { CGFloat width; CGFloat height; } CGSize;
 typedef struct CGRect { CGPoint origin; CGSize size; } CGRect;
 
 typedef uint32_t CGDirectDisplayID;
-enum CGError : int32_t { kCGErrorSuccess = 0 };  // CF_ENUM
+enum CGError : int32_t { kCGErrorSuccess = 0, kCGErrorInvalidConnection = 1002 };  // CF_ENUM
 typedef struct CGDisplayMode* CGDisplayModeRef;
 
 struct fake::display {
-    CGDirectDisplayID id;
-    const char* name;  // nullptr: no IOKit port, as on Apple silicon
+    iokit io = named;
+    std::vector<const char*> names = {};  // by locale, locale and name in turn, the user's preferred last
     bool isMain = false;
-    CGSize millimetres = {600, 340};
+    CGSize millimetres = {};                  // none: unknown, as the framework answers
     size_t modeWidth[2] = {1920, 1920};       // in points, in pixels
     CGRect bounds = {{0, 0}, {1920, 1080}};  // in points
     size_t pixelsWide = 1920, pixelsHigh = 1080;
 };
 
-inline const fake::display& fake::shown(uint32_t id)
-{
-    const auto& all = installed.displays;
-    const auto found = std::find_if(all.begin(), all.end(), [id](const display& d) { return d.id == id; });
-    return found != all.end() ? *found : throw std::logic_error("no display " + std::to_string(id));
-}
+inline fake::machine fake::installed;
 
+inline const fake::display& fake::shown(uint32_t id) { return installed.displays.at(id); }
+
+// Without a list, the number of displays; with one, as many of those still there as it holds.
 inline CGError CGGetActiveDisplayList(uint32_t maxDisplays, CGDirectDisplayID* activeDisplays, uint32_t* displayCount)
 {
     const auto& all = fake::installed.displays;
-    *displayCount = uint32_t(activeDisplays ? std::min<size_t>(maxDisplays, all.size()) : all.size());
-    for (uint32_t i = 0; activeDisplays && i < *displayCount; ++i)
-        activeDisplays[i] = all[i].id;
+    const int gone = activeDisplays ? fake::installed.unplugged : 0;  // only a list misses them
+    if (gone < 0)
+        return kCGErrorInvalidConnection;
+    *displayCount = uint32_t(std::min<size_t>(activeDisplays ? maxDisplays : all.size(), all.size() - gone));
+    std::transform(all.begin(), std::next(all.begin(), activeDisplays ? *displayCount : 0), activeDisplays,
+                   [](const auto& display) { return display.first; });
     return kCGErrorSuccess;
 }
 
@@ -58,7 +59,7 @@ inline void CGDisplayModeRelease(CGDisplayModeRef mode) { delete fake::release(f
 
 // Deprecated since macOS 10.9, older than any target Qt 5.15 supports. The port is lent, not given; Apple silicon
 // has none.
-__attribute__((deprecated)) inline io_service_t CGDisplayIOServicePort(CGDirectDisplayID display)
+__attribute__((deprecated)) inline io_service_t CGDisplayIOServicePort(CGDirectDisplayID id)
 {
-    return fake::shown(display).name ? fake::createIO({fake::io_object, display}, false) : MACH_PORT_NULL;
+    return fake::shown(id).io == fake::no_port ? MACH_PORT_NULL : fake::createIO({fake::io_object, id}, false);
 }

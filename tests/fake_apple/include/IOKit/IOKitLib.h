@@ -6,11 +6,9 @@
 #include <mach/mach.h>
 
 typedef mach_port_t io_object_t;
-typedef io_object_t io_iterator_t;
-typedef io_object_t io_registry_entry_t;
-typedef io_object_t io_service_t;
+typedef io_object_t io_iterator_t, io_registry_entry_t, io_service_t;
 typedef char io_name_t[128];
-typedef UInt32 IOOptionBits;
+typedef uint32_t IOOptionBits;
 
 #define kIOServicePlane "IOService"
 enum { kIORegistryIterateRecursively = 0x00000001, kIORegistryIterateParents = 0x00000002 };
@@ -42,10 +40,8 @@ inline kern_return_t IOServiceGetMatchingServices(mach_port_t, CFDictionaryRef m
 
 inline io_object_t IOIteratorNext(io_iterator_t iterator)  // the null iterator is empty
 {
-    if (iterator == MACH_PORT_NULL)
-        return MACH_PORT_NULL;
-    fake::value& it = fake::io(iterator);
-    return size_t(it.number) < it.members.size() ? fake::createIO(it.members[it.number++]) : MACH_PORT_NULL;
+    fake::value* it = iterator == MACH_PORT_NULL ? nullptr : &fake::io(iterator);
+    return it && size_t(it->number) < it->members.size() ? fake::createIO(it->members[it->number++]) : MACH_PORT_NULL;
 }
 
 inline kern_return_t IOObjectRelease(io_object_t object)
@@ -66,17 +62,17 @@ inline kern_return_t IOObjectGetClass(io_object_t object, io_name_t className)
 inline CFTypeRef IORegistryEntrySearchCFProperty(io_registry_entry_t entry, const io_name_t plane, CFStringRef key,
                                                  CFAllocatorRef, IOOptionBits options)
 {
-    const bool upwards = (options & kIORegistryIterateRecursively) && (options & kIORegistryIterateParents);
     const auto& registry = fake::installed.registry;
+    const IOOptionBits upwards = kIORegistryIterateRecursively | kIORegistryIterateParents;
     for (auto i = size_t(fake::io(entry).number); std::strcmp(plane, kIOServicePlane) == 0 && i < registry.size();
-         i = upwards ? size_t(registry[i].parent) : SIZE_MAX)
+         i = (options & upwards) == upwards ? size_t(registry[i].parent) : SIZE_MAX)
         if (registry[i].properties.count(fake::as(key).bytes))
             return fake::create<CFTypeRef>(registry[i].properties.at(fake::as(key).bytes));
     return nullptr;
 }
 
-inline CFTypeRef IORegistryEntryCreateCFProperty(io_registry_entry_t entry, CFStringRef key, CFAllocatorRef allocator,
+inline CFTypeRef IORegistryEntryCreateCFProperty(io_registry_entry_t entry, CFStringRef key, CFAllocatorRef,
                                                  IOOptionBits)
 {
-    return IORegistryEntrySearchCFProperty(entry, kIOServicePlane, key, allocator, 0);
+    return IORegistryEntrySearchCFProperty(entry, kIOServicePlane, key, kCFAllocatorDefault, 0);  // the entry's own
 }

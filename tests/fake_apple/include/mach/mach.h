@@ -34,23 +34,21 @@ typedef struct vm_statistics64 vm_statistics64_data_t;
 
 inline mach_port_t mach_host_self(void) { return 0x103; }
 
-inline kern_return_t host_page_size(host_t host, vm_size_t* out_page_size)
+inline kern_return_t host_page_size(host_t host, vm_size_t* out_page_size)  // none is a failure
 {
-    *out_page_size = 16384;
-    return host == mach_host_self() ? KERN_SUCCESS : 5;  // KERN_FAILURE
+    *out_page_size = fake::installed.pageSize;
+    return host == mach_host_self() && *out_page_size != 0 ? KERN_SUCCESS : 5;  // KERN_FAILURE
 }
 
 // Fills as much of the newest layout as the caller's count holds, from the oldest layout's 24 numbers (up to
 // speculative_count) on, and says how much that was.
-inline kern_return_t host_statistics64(host_t host, host_flavor_t flavor, host_info64_t info,
+inline kern_return_t host_statistics64(host_t host, host_flavor_t flavor, host_info64_t out,
                                        mach_msg_type_number_t* count)
 {
-    const auto& pages = fake::installed.vmPages;
-    if (host != mach_host_self() || flavor != HOST_VM_INFO64 || *count < 24 || pages.size() != 4)
+    if (host != mach_host_self() || flavor != HOST_VM_INFO64 || *count < 24 || fake::installed.vmPages.size() != 4)
         return 5;  // KERN_FAILURE
-    *count = std::min(*count, HOST_VM_INFO64_COUNT);
-    std::fill_n(info, *count, 0);
-    std::memcpy(info, pages.data(), 4 * sizeof(natural_t));  // free_count to wire_count
+    std::fill_n(out, *count = std::min(*count, HOST_VM_INFO64_COUNT), 0);
+    std::memcpy(out, fake::installed.vmPages.data(), 4 * sizeof(natural_t));  // free_count to wire_count
     return KERN_SUCCESS;
 }
 

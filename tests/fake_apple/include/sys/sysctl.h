@@ -4,6 +4,8 @@
 
 #include "fake_machine.h"
 
+#include <cerrno>
+
 inline int sysctlbyname(const char* name, void* oldp, size_t* oldlenp, void*, size_t)
 {
     const auto& sysctls = fake::installed.sysctls;
