@@ -264,7 +264,7 @@ void tst_network::exchange_data()
     row("refused: no report", server::stopped, real, none, download(), "", "", "");
 
     // Opt-in verification: the chain, the host name, pins, https only; refused before a byte of the request.
-    row("the right chain", https, real, ca, record(), post, ok);
+    row("the right chain, https in capitals", https, real, ca, via("HTTPS", record()), post, ok);
     row("the right chain and pin", https, real, policy::authority_and_pin, file(), up, ok + " result <id>");
     row("forger refused: record", server::forger, real, ca, record(), "", "0 7 6 / 0 7 6 " + tls);
     row("forger refused: interface", server::forger, real, ca, fetch(), "", "0 7 6 / 0 7 6 " + tls);
