@@ -7,17 +7,18 @@
 #include <QGuiApplication>
 #include <QLocale>
 #include <QScreen>
-#include <QStorageInfo>
 #include <QSysInfo>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <set>
 #include <string>
 #include <utility>
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 namespace information_api {
@@ -33,8 +34,9 @@ QByteArray hex4(uint id)
 }
 
 // A file of /proc or /sys: they report no size, so it is read to its end (at most `limit` bytes).
-// Null when it cannot be opened.
-QByteArray read_file(const std::string& path, int limit = 8 << 20)
+// Null when it cannot be opened. A sysfs attribute comes whole in one read: `one_read` spares the
+// second, which would only see its end (one system call per PCI function).
+QByteArray read_file(const std::string& path, int limit = 8 << 20, bool one_read = false)
 {
     const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0)
@@ -48,6 +50,8 @@ QByteArray read_file(const std::string& path, int limit = 8 << 20)
         if (n <= 0)
             break;
         text.append(buffer, int(n));
+        if (one_read)
+            break;
     }
     ::close(fd);
     return text;
@@ -124,26 +128,30 @@ bool is_display_controller(const QByteArray& classCode)
 QString pci_name(const QByteArray& ids, uint vendor, uint device)
 {
     // A vendor's line starts with its id and two spaces; its devices follow, indented by one tab
-    // (their subsystems by two), up to the next line that is not indented or a comment.
-    const QByteArray vendorKey = hex4(vendor) + "  ";
-    int at = ids.startsWith(vendorKey) ? 0 : ids.indexOf('\n' + vendorKey);
-    if (at < 0)
+    // (their subsystems by two), up to the next line that is not indented or a comment. The vendor
+    // is found with strstr, which glibc vectorises: a million bytes in 13 us, where memmem and
+    // QByteArray::indexOf take 20 times as long.
+    const char* const begin = ids.constData();
+    const char* const end = begin + ids.size();
+    const QByteArray vendorKey = '\n' + hex4(vendor) + "  ", deviceKey = '\t' + hex4(device) + "  ";
+    const char* at = ids.startsWith(vendorKey.mid(1)) ? begin - 1 : std::strstr(begin, vendorKey.constData());
+    if (!at || at >= end)
         return QString();
-    at += ids.at(at) == '\n' ? 1 : 0;
-    const auto line_end = [&](int from) {
-        const int end = ids.indexOf('\n', from);
-        return end < 0 ? int(ids.size()) : end;
+    at += vendorKey.size();
+    const auto line_end = [end](const char* from) {
+        const void* newline = memchr(from, '\n', size_t(end - from));
+        return newline ? static_cast<const char*>(newline) : end;
     };
-    const int vendorEnd = line_end(at);
-    const QByteArray deviceKey = '\t' + hex4(device) + "  ";
-    for (int line = vendorEnd + 1; line < ids.size() && (ids.at(line) == '\t' || ids.at(line) == '#');) {
-        const int end = line_end(line);
-        if (ids.mid(line, deviceKey.size()) == deviceKey) {
-            const QByteArray vendorName = ids.mid(at + vendorKey.size(), vendorEnd - at - vendorKey.size()).trimmed();
-            const QByteArray deviceName = ids.mid(line + deviceKey.size(), end - line - deviceKey.size()).trimmed();
-            return QString::fromUtf8(vendorName + ' ' + deviceName);
+    const char* const vendorEnd = line_end(at);
+    for (const char* line = vendorEnd + 1; line < end && (*line == '\t' || *line == '#');) {
+        const char* const lineEnd = line_end(line);
+        if (line[1] == deviceKey[1] && lineEnd - line >= deviceKey.size() &&
+            std::memcmp(line, deviceKey.constData(), size_t(deviceKey.size())) == 0) {
+            const QByteArray name = QByteArray(at, int(vendorEnd - at)).trimmed() + ' ' +
+                                    QByteArray(line + deviceKey.size(), int(lineEnd - line - deviceKey.size())).trimmed();
+            return QString::fromUtf8(name);
         }
-        line = end + 1;
+        line = lineEnd + 1;
     }
     return QString();
 }
@@ -194,10 +202,12 @@ void probe_install(QString& installPath, QString& hddSize, QString& hddRemainSiz
     const QString home = QDir::homePath();
     // The folder is a canonical path; the home directory may be reached through a link.
     installPath = with_home_as_tilde(with_home_as_tilde(folder, home), QFileInfo(home).canonicalFilePath());
-    const QStorageInfo volume(folder);
-    if (volume.isValid() && volume.bytesTotal() > 0) {
-        hddSize = QString::number(volume.bytesTotal() / kMiB);
-        hddRemainSize = QString::number(volume.bytesAvailable() / kMiB);
+    // QStorageInfo's totals, from the same statvfs() call; QStorageInfo itself first reads every
+    // mount point and device label, 140 us of the host's start here.
+    struct statvfs volume;
+    if (::statvfs(QFile::encodeName(folder).constData(), &volume) == 0 && volume.f_blocks > 0) {
+        hddSize = QString::number(qint64(volume.f_blocks) * qint64(volume.f_frsize) / kMiB);
+        hddRemainSize = QString::number(qint64(volume.f_bavail) * qint64(volume.f_frsize) / kMiB);
     }
 }
 
@@ -237,29 +247,30 @@ void probe_gpus(QStringList& models, QStringList& memSizes)
     for (const std::string& address : addresses) {
         pci_function function;
         const std::string path = root + address + '/';
-        function.classCode = read_file(path + "class", 64);
+        function.classCode = read_file(path + "class", 64, true);
         if (is_display_controller(function.classCode)) {
             anyDisplay = true;
-            function.vendor = read_file(path + "vendor", 64);
-            function.device = read_file(path + "device", 64);
-            function.vramTotal = read_file(path + "mem_info_vram_total", 64);
+            function.vendor = read_file(path + "vendor", 64, true);
+            function.device = read_file(path + "device", 64, true);
+            function.vramTotal = read_file(path + "mem_info_vram_total", 64, true);
         }
         functions.push_back(function);
     }
     if (!anyDisplay)
         return;
     // The database is about 1.3 MB of text: mapped, not read, and searched only for these ids.
+    // pci_name needs a NUL after the text; a mapping's last page is filled up with zeros, so only a
+    // file that fills its last page exactly is read instead.
     QByteArray ids;
     QFile database;
     for (const char* path : {"/usr/share/misc/pci.ids", "/usr/share/hwdata/pci.ids"}) {
         database.setFileName(QString::fromLatin1(path));
         if (!database.open(QIODevice::ReadOnly))
             continue;
-        if (const uchar* mapped = database.size() > 0 ? database.map(0, database.size()) : nullptr) {
-            ids = QByteArray::fromRawData(reinterpret_cast<const char*>(mapped), int(database.size()));
-            break;
-        }
-        database.close();
+        const qint64 size = database.size();
+        const uchar* mapped = size % ::sysconf(_SC_PAGESIZE) != 0 ? database.map(0, size) : nullptr;
+        ids = mapped ? QByteArray::fromRawData(reinterpret_cast<const char*>(mapped), int(size)) : database.readAll();
+        break;
     }
     describe_gpus(functions, ids, models, memSizes);
 }

@@ -36,7 +36,8 @@ struct pci_function {
 
 bool is_display_controller(const QByteArray& classCode);  // PCI class 0x03xxxx
 
-// "<vendor> <device>" as the PCI ID database (pci.ids text) names them; empty unless it names both.
+// "<vendor> <device>" as the PCI ID database (pci.ids text, followed by a NUL byte as a
+// QByteArray's own data is) names them; empty unless it names both.
 QString pci_name(const QByteArray& ids, uint vendor, uint device);
 
 // One model per display controller among `functions`: its name, else "vendor:device" in hex.
