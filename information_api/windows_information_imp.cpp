@@ -1,4 +1,7 @@
 #include <information_api/windows_information_imp.h>
+#ifdef Q_OS_LINUX
+#include <information_api/linux_machine_info.h>
+#endif
 
 #include <glog/logging.h>
 
@@ -419,12 +422,32 @@ void windows_information_imp::end_calib_info(const QString&) {}
 QString windows_information_imp::begin_scan_info() { return QString(""); }
 void windows_information_imp::end_scan_info(const QString&) {}
 
-// Machine probes: stubs on this platform, so the envelope's machine fields stay empty.
+// Machine probes: real on Linux (linux_machine_info), stubs elsewhere. Always true, as hosts expect.
+#ifdef Q_OS_LINUX
+bool windows_information_imp::get_os_info(QString& osName, QString& lang, QString& resolution)
+{
+    return linux_machine::probe_os(osName, lang, resolution), true;
+}
+bool windows_information_imp::get_install_info(QString& installPath, QString& hddSize, QString& hddRemainSize)
+{
+    return linux_machine::probe_install(installPath, hddSize, hddRemainSize), true;
+}
+bool windows_information_imp::get_cpu_info(QString& cores, QString& model)
+{
+    return linux_machine::probe_cpu(cores, model), true;
+}
+bool windows_information_imp::get_gpu_info(QStringList& models, QStringList& memSizes)
+{
+    return linux_machine::probe_gpus(models, memSizes), true;
+}
+bool windows_information_imp::get_memory_info(QString& size) { return linux_machine::probe_memory(size), true; }
+#else
 bool windows_information_imp::get_os_info(QString&, QString&, QString&) { return true; }
 bool windows_information_imp::get_install_info(QString&, QString&, QString&) { return true; }
 bool windows_information_imp::get_cpu_info(QString&, QString&) { return true; }
 bool windows_information_imp::get_gpu_info(QStringList&, QStringList&) { return true; }
 bool windows_information_imp::get_memory_info(QString&) { return true; }
+#endif
 bool windows_information_imp::get_default_browser(QString&, QString&) { return false; }
 bool windows_information_imp::get_os_name_is11() { return false; }
 bool windows_information_imp::get_os_name(QString&) { return true; }

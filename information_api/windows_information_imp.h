@@ -300,20 +300,20 @@ public:
     /// "yyyy-MM-ddThh:mm:ssZ"), or the last period a builder stored.
     QString startOn;
     QString endOn;  ///< End of that period ("endOn"); the run's start until a builder stores one.
-    QString osName;      ///< Operating system's name ("osSoftExt"); empty in this build.
-    QString lang;        ///< System language ("osSoftExt"); empty in this build.
-    QString resolution;  ///< Screen resolution ("osSoftExt"); empty in this build.
+    QString osName;      ///< Operating system's name ("osSoftExt"); see get_os_info().
+    QString lang;        ///< System language, as en_US ("osSoftExt"); see get_os_info().
+    QString resolution;  ///< Primary screen, "<w> x <h>" pixels ("osSoftExt"); see get_os_info().
     QString spareText2;  ///< Unused; keeps the layout.
-    QString installPath;     ///< Installation path ("osSoftExt"); empty in this build.
-    QString browserName;     ///< Default browser ("osSoftExt" "browser"); empty in this build.
-    QString browserVersion;  ///< Its version ("browser" "ver"); empty in this build.
-    QString cpuCores;        ///< CPU cores, decimal ("osHdExt" "cpu", a number); empty in this build.
-    QString cpuModel;        ///< CPU model ("osHdExt" "cpu"); empty in this build.
-    QString memSize;         ///< Memory size in decimal ("osHdExt", a number); empty in this build.
-    QStringList gpuModels;   ///< One per graphics adapter ("osHdExt" "gpu"); empty in this build.
-    QStringList gpuMemSizes;  ///< Adapter memory sizes in decimal, parallel to gpuModels.
-    QString hddSize;        ///< Disk size in decimal ("osHdExt", a number); empty in this build.
-    QString hddRemainSize;  ///< Free disk space, decimal ("osHdExt", a number); empty in this build.
+    QString installPath;     ///< The application's folder ("osSoftExt"); see get_install_info().
+    QString browserName;     ///< Default browser ("osSoftExt" "browser"); always empty.
+    QString browserVersion;  ///< Its version ("browser" "ver"); always empty.
+    QString cpuCores;        ///< Physical CPU cores, decimal ("osHdExt" "cpu", a number).
+    QString cpuModel;        ///< CPU model ("osHdExt" "cpu"); see get_cpu_info().
+    QString memSize;         ///< Memory in MiB, decimal ("osHdExt", a number); see get_memory_info().
+    QStringList gpuModels;   ///< One per graphics adapter ("osHdExt" "gpu"); see get_gpu_info().
+    QStringList gpuMemSizes;  ///< Adapter memory in MiB, decimal, parallel to gpuModels.
+    QString hddSize;        ///< Size of the application's volume in MiB, decimal ("osHdExt", a number).
+    QString hddRemainSize;  ///< Space available on it in MiB, decimal ("osHdExt", a number).
     QString ple;      ///< Current device profile file name ("modularExt" "ple").
     QString modular;  ///< Module description: the "name" of every module in "modularExt".
     /// Module profile names: one module of "modularExt" each ("mple"); the first always, later
@@ -321,10 +321,29 @@ public:
     QStringList modularPles;
 };
 
-/// The manager the library creates for the host. On this platform the machine probes are stubs.
+/// The manager the library creates for the host; on Linux it also describes the machine.
 ///
-/// The same class serves every platform. With the probes stubbed, the envelope's machine
-/// description ("osSoftExt", "osHdExt") holds empty texts and zeros. Its settings come from
+/// The same class serves every platform. On Linux the machine probes fill the envelope's machine
+/// description ("osSoftExt", "osHdExt") once, as the manager is created (get_usage_info()), on
+/// the host's thread; they add well under a millisecond to information_init(). A source that
+/// cannot be read leaves its fields empty (0 in a record) and never stops one. On macOS the probes
+/// are stubs: the description holds empty texts and zeros (KrMacosInfo describes the Mac instead).
+/// No platform has a default browser: browserName and browserVersion stay empty.
+///
+/// | field | source on Linux | form |
+/// |---|---|---|
+/// | osName | QSysInfo::prettyProductName() (os-release's PRETTY_NAME) | as given |
+/// | lang | QLocale::system().name() | as en_US |
+/// | resolution | the primary screen's size in device pixels, only in a QGuiApplication with a screen | "<w> x <h>", as KrMacosInfo writes it; otherwise empty |
+/// | installPath | QCoreApplication::applicationDirPath() | the user's home directory written as "~" (a path under /home names the user) |
+/// | hddSize, hddRemainSize | total and available bytes of the volume holding that folder, as QStorageInfo counts them | MiB (2^20 bytes), rounded down |
+/// | cpuCores | physical cores: distinct ("physical id", "core id") pairs in /proc/cpuinfo | the number of processors where those keys are absent |
+/// | cpuModel | the first "model name" in /proc/cpuinfo, trimmed | QSysInfo::currentCpuArchitecture() where absent (most arm64 kernels) |
+/// | memSize | "MemTotal" in /proc/meminfo | MiB, rounded down |
+/// | gpuModels | one per PCI display controller (class 0x03xxxx) in /sys/bus/pci/devices, in address order | "<vendor> <device>" as the PCI ID database names them (pci.ids of the hwdata or pciutils package), else "vendor:device" in hex, as 10de:1c82 |
+/// | gpuMemSizes | amdgpu's "mem_info_vram_total"; other drivers report none | MiB; the list ends with the last adapter that has a size, an adapter without one before it has an empty entry (0 in a record) |
+///
+/// Its settings come from
 /// "./res/system.ini" (relative to the working directory), read as they are needed; a value that
 /// is not a number reads as 0:
 ///
@@ -402,17 +421,19 @@ public:
                                    QString& classsify, QString& hdr, QString& modular, QString& startOn,
                                    QString& endOn, QString& pointDis, QString& texture,
                                    QString& totalPoint, QString totalFaces, int unused);
-    /// Machine probe for osName, lang and resolution; a stub here: leaves them and returns true.
+    /// Machine probe for osName, lang and resolution (the class's table); returns true. On Linux
+    /// it sets what it can read and leaves the rest; on macOS it leaves all three.
     virtual bool get_os_info(QString& osName, QString& lang, QString& resolution);
-    /// Machine probe for installPath, hddSize and hddRemainSize; a stub here: returns true.
+    /// Machine probe for installPath, hddSize and hddRemainSize, as get_os_info().
     virtual bool get_install_info(QString& installPath, QString& hddSize, QString& hddRemainSize);
-    /// Machine probe for cpuCores and cpuModel; a stub here: returns true.
+    /// Machine probe for cpuCores and cpuModel, as get_os_info().
     virtual bool get_cpu_info(QString& cores, QString& model);
-    /// Machine probe for gpuModels and gpuMemSizes; a stub here: returns true.
+    /// Machine probe for gpuModels and gpuMemSizes, as get_os_info(). On Linux both lists are
+    /// replaced once it finds a display controller.
     virtual bool get_gpu_info(QStringList& models, QStringList& memSizes);
-    /// Machine probe for memSize; a stub here: returns true.
+    /// Machine probe for memSize, as get_os_info().
     virtual bool get_memory_info(QString& size);
-    /// Machine probe for browserName and browserVersion; a stub here: returns false.
+    /// Machine probe for browserName and browserVersion; a stub on every platform: returns false.
     virtual bool get_default_browser(QString& name, QString& version);
 
     /// Starts the usage period of this run: stamps its start and asks the machine probes.
