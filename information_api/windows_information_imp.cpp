@@ -426,21 +426,29 @@ void windows_information_imp::end_scan_info(const QString&) {}
 #ifdef Q_OS_LINUX
 bool windows_information_imp::get_os_info(QString& osName, QString& lang, QString& resolution)
 {
-    return linux_machine::probe_os(osName, lang, resolution), true;
+    linux_machine::probe_os(osName, lang, resolution);
+    return true;
 }
 bool windows_information_imp::get_install_info(QString& installPath, QString& hddSize, QString& hddRemainSize)
 {
-    return linux_machine::probe_install(installPath, hddSize, hddRemainSize), true;
+    linux_machine::probe_install(installPath, hddSize, hddRemainSize);
+    return true;
 }
 bool windows_information_imp::get_cpu_info(QString& cores, QString& model)
 {
-    return linux_machine::probe_cpu(cores, model), true;
+    linux_machine::probe_cpu(cores, model);
+    return true;
 }
 bool windows_information_imp::get_gpu_info(QStringList& models, QStringList& memSizes)
 {
-    return linux_machine::probe_gpus(models, memSizes), true;
+    linux_machine::probe_gpus(models, memSizes);
+    return true;
 }
-bool windows_information_imp::get_memory_info(QString& size) { return linux_machine::probe_memory(size), true; }
+bool windows_information_imp::get_memory_info(QString& size)
+{
+    linux_machine::probe_memory(size);
+    return true;
+}
 #else
 bool windows_information_imp::get_os_info(QString&, QString&, QString&) { return true; }
 bool windows_information_imp::get_install_info(QString&, QString&, QString&) { return true; }
