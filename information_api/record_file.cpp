@@ -189,7 +189,8 @@ bool read_up_to(int fd, qint64 limit, QByteArray& bytes)
 }
 
 // Why the bytes at `path` must not reach QSettings; null when `bytes` holds them (none for a file
-// that is missing or cannot be opened: QSettings would read nothing from it either). Records must
+// that is missing or cannot be opened: QSettings would read nothing from it either). `bytes` stays
+// empty when the file is refused. Records must
 // be regular files themselves; configuration files may be links to one.
 const char* checked_bytes(const QString& path, QByteArray& bytes, bool follow_links)
 {
@@ -212,7 +213,7 @@ const char* checked_bytes(const QString& path, QByteArray& bytes, bool follow_li
     if (!read_up_to(file.fd, info.st_size, bytes))
         return bytes.clear(), errno == EAGAIN ? "would block" : nullptr;
     if (holds_serialised_variant(bytes))
-        return "holds a serialised QVariant";
+        return bytes.clear(), "holds a serialised QVariant";
     return nullptr;
 }
 
