@@ -189,9 +189,9 @@ bool read_up_to(int fd, qint64 limit, QByteArray& bytes)
 }
 
 // Why the bytes at `path` must not reach QSettings; null when `bytes` holds them (none for a file
-// that is missing or cannot be opened: QSettings would read nothing from it either). `bytes` stays
-// empty when the file is refused. Records must
-// be regular files themselves; configuration files may be links to one.
+// that is missing or cannot be opened: QSettings would read nothing from it either; none either
+// when the file is refused). Records must be regular files themselves; configuration files may be
+// links to one.
 const char* checked_bytes(const QString& path, QByteArray& bytes, bool follow_links)
 {
     bytes.clear();
@@ -210,8 +210,11 @@ const char* checked_bytes(const QString& path, QByteArray& bytes, bool follow_li
     if (info.st_size > kMaxIniBytes)
         return "larger than 16 MiB";
     // Never beyond the size the file reports: /proc files report 0 and may block or lose what is read.
-    if (!read_up_to(file.fd, info.st_size, bytes))
-        return bytes.clear(), errno == EAGAIN ? "would block" : nullptr;
+    if (!read_up_to(file.fd, info.st_size, bytes)) {
+        const int error = errno;
+        bytes.clear();
+        return error == EAGAIN ? "would block" : nullptr;
+    }
     if (holds_serialised_variant(bytes))
         return bytes.clear(), "holds a serialised QVariant";
     return nullptr;
@@ -361,6 +364,7 @@ bool update_copy(const QString& source, const QString& copy)
     const bool existed = ::stat(native(copy).constData(), &before) == 0;
     const QByteArray next = native(copy) + ".new";
     const descriptor file{::open(next.constData(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600)};
+    leftover unused{next};
     struct stat after;
     if (file.fd < 0 || !write_all(file.fd, bytes) || ::fstat(file.fd, &after) != 0)
         return false;
@@ -369,7 +373,10 @@ bool update_copy(const QString& source, const QString& copy)
         const timespec times[2] = {{0, UTIME_OMIT}, {time_t(later / 1000000000), long(later % 1000000000)}};
         ::futimens(file.fd, times);
     }
-    return ::rename(next.constData(), native(copy).constData()) == 0;
+    if (::rename(next.constData(), native(copy).constData()) != 0)
+        return false;
+    unused.path.clear();
+    return true;
 }
 
 }  // namespace
