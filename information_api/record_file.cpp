@@ -13,6 +13,8 @@
 
 #include <cerrno>
 #include <cstring>
+#include <map>
+#include <memory>
 #include <mutex>
 
 #include <fcntl.h>
@@ -220,18 +222,32 @@ const char* checked_bytes(const QString& path, QByteArray& bytes, bool follow_li
     return nullptr;
 }
 
-QString private_dir_template() { return QDir::tempPath() + "/information_api-XXXXXX"; }
-
-// Hands `bytes` to QSettings as the file `name` in `dir` (a directory only this user can enter).
-bool decode(const QTemporaryDir& dir, const QString& name, const QByteArray& bytes,
-            const std::function<void(const QSettings&)>& read)
+// A new name in this process's private directory (one per temporary-file location, that only this
+// user can enter, made when first needed), where QSettings writes and reads; empty when there is
+// none. Each name is used once: QSettings caches what it read by path, size and time.
+QString private_file()
 {
-    QFile copy(dir.filePath(name));
-    if (!copy.open(QIODevice::WriteOnly) || copy.write(bytes) != bytes.size() || !copy.flush() ||
-        copy.size() != bytes.size())
-        return false;
+    static std::mutex mutex;
+    static std::map<QString, std::unique_ptr<QTemporaryDir>> dirs;
+    static unsigned long long count = 0;
+    const QString location = QDir::tempPath();
+    std::lock_guard<std::mutex> lock(mutex);
+    std::unique_ptr<QTemporaryDir>& dir = dirs[location];
+    if (!dir || !dir->isValid() || !QFileInfo::exists(dir->path()))  // a cleaner may have removed it
+        dir = std::make_unique<QTemporaryDir>(location + "/information_api-XXXXXX");
+    return dir->isValid() ? dir->filePath(QString::number(++count) + ".ini") : QString();
+}
+
+// Hands `bytes` to QSettings through a private file.
+bool decode(const QByteArray& bytes, const std::function<void(const QSettings&)>& read)
+{
+    QFile copy(private_file());
+    if (copy.fileName().isEmpty() || !copy.open(QIODevice::WriteOnly | QIODevice::NewOnly) ||
+        copy.write(bytes) != bytes.size() || !copy.flush() || copy.size() != bytes.size())
+        return copy.remove(), false;
     copy.close();
     read(QSettings(copy.fileName(), QSettings::IniFormat));
+    copy.remove();
     return true;
 }
 
@@ -239,11 +255,12 @@ bool decode(const QTemporaryDir& dir, const QString& name, const QByteArray& byt
 // report success for a file it left empty (a full disk in its last flush).
 bool ini_bytes(const QByteArray& data, const QString& type, QByteArray& bytes, QString& reason)
 {
-    const QTemporaryDir dir(private_dir_template());
-    if (!dir.isValid())
-        return reason = "no private directory: " + dir.errorString(), false;
+    QFile written(private_file());
+    if (written.fileName().isEmpty())
+        return reason = "no private directory in " + QDir::tempPath(), false;
+    const std::shared_ptr<void> remove(nullptr, [&](void*) { written.remove(); });
     {
-        QSettings file(dir.filePath("record.ini"), QSettings::IniFormat);
+        QSettings file(written.fileName(), QSettings::IniFormat);
         file.setValue("data", data);
         file.setValue("type", type);
         file.sync();
@@ -252,10 +269,9 @@ bool ini_bytes(const QByteArray& data, const QString& type, QByteArray& bytes, Q
                                                                      : "QSettings status FormatError",
                    false;
     }
-    QFile written(dir.filePath("record.ini"));
     bytes = written.open(QIODevice::ReadOnly) ? written.readAll() : QByteArray();
     bool same = false;
-    if (!bytes.isEmpty() && !decode(dir, "check.ini", bytes, [&](const QSettings& file) {
+    if (!bytes.isEmpty() && !decode(bytes, [&](const QSettings& file) {
             same = file.value("data").toByteArray() == data && file.value("type").toString() == type;
         }))
         return reason = "no private copy to check", false;
@@ -394,21 +410,16 @@ const char* read_checked_ini(const QString& path, bool follow_links,
     QByteArray bytes;
     if (const char* refused = checked_bytes(path, bytes, follow_links))
         return refused;
-    const QTemporaryDir dir(private_dir_template());
-    if (!dir.isValid() || !decode(dir, "copy.ini", bytes, read))
-        return "no private copy";
-    return nullptr;
+    return decode(bytes, read) ? nullptr : "no private copy";
 }
 
 QString make_checked_copy(const QString& source)
 {
-    QTemporaryDir dir(private_dir_template());
-    if (!dir.isValid()) {
+    const QString copy = private_file();
+    if (copy.isEmpty()) {
         LOG(WARNING) << "configuration ignored: " << source.toUtf8().constData() << ": no private copy";
         return QString();
     }
-    dir.setAutoRemove(false);
-    const QString copy = QFileInfo(dir.filePath(QFileInfo(source).fileName())).absoluteFilePath();
     {
         std::lock_guard<std::mutex> lock(copies_mutex);
         copy_sources.insert(copy, QFileInfo(source).absoluteFilePath());
@@ -436,7 +447,6 @@ void remove_checked_copy(const QString& copy)
             return;
     }
     QFile::remove(copy);
-    QDir().rmdir(QFileInfo(copy).path());
 }
 
 }  // namespace information_api

@@ -430,7 +430,7 @@ void tst_records::not_written()
     QCOMPARE(read_file(path), before);
     if (path != "veltrainfo") {  // no record made empty, no temporary file left
         QCOMPARE(record_files(), QStringList({QFileInfo(path).fileName(), "filler"}));
-        QCOMPARE(QDir("veltrainfo/tmp").entryList(QDir::NoDotAndDotDot | QDir::AllEntries | QDir::Hidden), QStringList());
+        QVERIFY(!QDirIterator("veltrainfo/tmp", QDir::Files | QDir::Hidden, QDirIterator::Subdirectories).hasNext());
     }
 }
 
