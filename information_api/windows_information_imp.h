@@ -83,10 +83,12 @@ struct INFORMATION_API_EXPORT _tag_scan_info {
 /// records look so, and it is kept.
 ///
 /// No builder reports a failure: a record that cannot be written (a read-only folder, a full
-/// disk) leaves a glog warning naming its path and the QSettings status. Records are named by the
-/// second they were written in: two written in the same second under the same pattern (a
-/// calibration, a share and a flat scan share one) share a file, and the later replaces the
-/// earlier. Arguments passed by non-const reference are only read.
+/// disk) leaves a glog warning naming its path and why, and every record file stays as it was; a
+/// file is only ever replaced by a complete, verified version. Records are named by the second
+/// they were written in, and a builder never overwrites another record: when its name is taken (two
+/// records of one second under one pattern, two hosts on one folder) it writes to the first free
+/// `<stem>-<n>` with the same extension, n counting from 1, claiming the name atomically.
+/// Arguments passed by non-const reference are only read.
 class INFORMATION_API_EXPORT VeltraInfoMgr {
 public:
     /// Deletes the manager; windows_information_imp's destructor closes the usage record.
@@ -155,9 +157,10 @@ public:
     /// empties modularPles (the envelope then lists `modular` as one module). Builds the
     /// envelope into windows_information_imp::usageRecord and writes it, "type" "usage", to
     /// `./veltrainfo/<local yyyy-MM-ddThh-mm-ss>.info2`, named after the start of the run
-    /// (usageStart): every call in a run rewrites the same file, and deleting the manager
-    /// rewrites it a last time with "endOn" the time of deletion. Prints one trace line to
-    /// standard output.
+    /// (usageStart), or the first free `<stem>-<n>.info2` when another record holds that name.
+    /// Every later call in the run rewrites the file the first one wrote (usageFilePath), and
+    /// deleting the manager rewrites it a last time with "endOn" the time of deletion. Prints one
+    /// trace line to standard output.
     /// @param start empty: the record's period is the manager's own startOn and endOn (the start
     ///        of the run, or the period of the last calibration, share, structured scan, feedback
     ///        or score). Otherwise this text, unchecked, becomes "startOn" and now (UTC)
@@ -179,7 +182,8 @@ public:
     /// @param ple, softwareVer, modelName, modular as for create_usage_inifo()
     /// @param industry the user's industry, as the host names it
     /// @param enableGuide the host's guide option: "enableGuide" is "yes" when 1, else "no"
-    /// @return the path written (it names no file when the write failed)
+    /// @return the path written: `<stem>-<n>.score2` when the name was taken (it names no file
+    ///         when the write failed)
     virtual QString add_user_score(const QString& score, const QString& ple, const QString& softwareVer,
                                    QString& modelName, QString& modular, const QString& industry,
                                    int enableGuide) = 0;
@@ -195,7 +199,8 @@ public:
     /// @param email, industry, content the user's address, industry and text
     /// @param attachs the attachments, recorded as given; the files themselves go up with
     ///        upload_file()
-    /// @return the path written (it names no file when the write failed)
+    /// @return the path written: `<stem>-<n>.info2` when the name was taken (it names no file
+    ///         when the write failed)
     virtual QString create_userfeedback_info(QString& ple, QString& softwareVer, QString& modelName,
                                              QString& modular, QStringList& modularPles, int enableGuide,
                                              QString& email, QString& industry, QString& content,
@@ -244,10 +249,12 @@ public:
                                    QString& extra) = 0;
     /// Reads a record file back, whatever its kind: its JSON text into `data` (null when the file
     /// has no "data") and its kind into `type`.
+    /// The file is opened once, without blocking, and QSettings decodes a private copy of the
+    /// bytes that were checked.
     /// @return 0; -1 when `path` does not exist, or is no file the library can have written:
-    ///         not a regular file, over 16 MiB, or holding a value QSettings would decode as a
-    ///         serialised QVariant. Both outputs are then left as they were, and an info log line
-    ///         says why.
+    ///         not a regular file (a symbolic link included), over 16 MiB, or holding a value
+    ///         QSettings would decode as a serialised QVariant. Both outputs are then left as they
+    ///         were, and an info log line says why.
     virtual int get_scan_info(const QString& path, QString& data, QString& type) = 0;
     /// Does nothing: `files` is left as it was. A score record is read by the path
     /// add_user_score() returned.
@@ -343,9 +350,9 @@ public:
 /// | gpuModels | one per PCI display controller (class 0x03xxxx) in /sys/bus/pci/devices, in address order | "<vendor> <device>" as the PCI ID database names them (pci.ids of the hwdata or pciutils package), else "vendor:device" in hex, as 10de:1c82 |
 /// | gpuMemSizes | amdgpu's "mem_info_vram_total"; other drivers report none | MiB; the list ends with the last adapter that has a size, an adapter without one before it has an empty entry (0 in a record) |
 ///
-/// Its settings come from
-/// "./res/system.ini" (relative to the working directory), read as they are needed; a value that
-/// is not a number reads as 0:
+/// Its settings come from "./res/system.ini" (relative to the working directory), read as they
+/// are needed from a private copy of its checked bytes (a file holding a serialised QVariant is
+/// ignored); a value that is not a number reads as 0:
 ///
 /// | key | default | read by |
 /// |---|---|---|
@@ -451,7 +458,7 @@ public:
     bool get_gpu_info_vista(QStringList& models, QStringList& memSizes);
 
     int enableGuide = 0;  ///< The last guide option a builder got; "enableGuide" is "yes" when 1.
-    QSettings systemSettings;  ///< "./res/system.ini", opened by the constructor (keys above).
+    QSettings systemSettings;  ///< A private copy of "./res/system.ini" (keys above), kept up to date.
     QString spareText3;  ///< Unused; keeps the layout.
     bool spareFlag = true;  ///< Unused; keeps the layout.
     QString usageFilePath;  ///< The run's usage record file; empty until create_usage_inifo().
