@@ -275,8 +275,10 @@ void host_window::upload_due_records()
     const QFileInfo own_usage(records ? records->usageFilePath : QString());
     QStringList due;
     manager_->get_upload_files(due);
+    QSet<QString> queued(records_waiting_.cbegin(), records_waiting_.cend());
+    queued.unite(records_in_flight_);
     for (const QString& path : due)
-        if (!records_in_flight_.contains(path) && !records_waiting_.contains(path) && QFileInfo(path) != own_usage)
+        if (!queued.contains(path) && QFileInfo(path) != own_usage)
             records_waiting_ << path;
     log(tr("%n record(s) due for upload", nullptr, int(records_waiting_.size() + records_in_flight_.size())));
     send_waiting_records();
