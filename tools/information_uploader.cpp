@@ -368,10 +368,10 @@ bool parse(const QCoreApplication& app, options& opts, QString& dir)
     QCommandLineParser parser;
     parser.setApplicationDescription(
         "Uploads the due records of ./veltrainfo/ to the collection service and deletes each one "
-        "the service confirmed while it still holds what was sent.\n\nExit status: 0 every due record uploaded, 1 some not uploaded "
-        "(or records cannot be removed from ./veltrainfo/, or a folder with files in it stands "
-        "where the uploader's lock goes), 2 bad usage, 3 uploading disabled, "
-        "4 another uploader works on the folder.");
+        "the service confirmed while it still holds what was sent.\n\nExit status: 0 every due "
+        "record uploaded, 1 some not uploaded (or records cannot be removed from ./veltrainfo/, or "
+        "a folder with files in it stands where the uploader's lock goes), 2 bad usage, 3 "
+        "uploading disabled, 4 another uploader works on the folder.");
     parser.addHelpOption();
     parser.addVersionOption();
     const QCommandLineOption dir_option({"d", "dir"}, "Directory holding ./veltrainfo/ and ./res/.", "dir");
