@@ -108,7 +108,8 @@ int claim_record_folder(QLockFile& lock)
         return some_failed;
     }
     lock.setStaleLockTime(0);  // only a dead owner's lock is stale: a --watch run holds it for days
-    if (lock.tryLock() || (lock.error() == QLockFile::LockFailedError && remove_nameless_lock(lock) && lock.tryLock()))
+    if (lock.tryLock()
+        || (lock.error() == QLockFile::LockFailedError && remove_nameless_lock(lock) && lock.tryLock()))
         return 0;
     if (lock.error() != QLockFile::LockFailedError) {
         std::fprintf(stderr, "cannot create the lock in ./veltrainfo/; nothing sent\n");

@@ -63,7 +63,9 @@ int enable_on_disk()
 {
     const QTemporaryDir dir;
     const QString copy = dir.filePath("system.ini");
-    return QFile::copy("./res/system.ini", copy) ? QSettings(copy, QSettings::IniFormat).value("enable").toInt() : 0;
+    if (!QFile::copy("./res/system.ini", copy))
+        return 0;
+    return QSettings(copy, QSettings::IniFormat).value("enable").toInt();
 }
 
 QString describe_download_failure(int code, int net_error)
