@@ -46,10 +46,10 @@ void tst_uploader::one_run_data()
     QTest::addColumn<run_condition>("condition");
     QTest::addColumn<QString>("expected");  // exit status, files left, requests received
     QTest::addColumn<QString>("err");       // parts of standard error, "|"-separated
-    // A record parked by a killed run goes back (f), unless the host wrote it anew meanwhile (b).
+    // A record parked by a killed run goes back (f), beside the record written under its name meanwhile (b-1).
     QTest::newRow("only confirmed records removed, as sent") << "" << "a.info2 b.info2 c.info2 d.info2 e.info2 s.score2 "
         ".information_uploader.parked.f.info2 .information_uploader.parked.b.info2" << misbehaving
-        << "exit 1, left [b.info2 c.info2 d.info2 e.info2 f.info2 s.score2], 6 received"
+        << "exit 1, left [b-1.info2 b.info2 c.info2 d.info2 e.info2 f.info2 s.score2], 7 received"
         << "b.info2: duplicate record|e.info2 changed while it was sent";
     QTest::newRow("disabled") << "enable=0" << "a.info2" << as_is << "exit 3, left [a.info2], 0 received" << "disabled";
     QTest::newRow("second run while locked") << "" << "a.info2" << locked

@@ -5,6 +5,7 @@
 #include <information_api/information_api.h>
 #include <information_api/information_api_version.h>
 #include <information_api/transport_security.h>
+#include <information_api/windows_information_imp.h>
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
@@ -57,9 +58,11 @@ int records_in_folder()
 
 // The library reads "remain" and "uploadintval" as ints, and a typo reads as 0: with "remain" 0
 // or less every record is expired before it is sent, with "uploadintval" 0 every record is due.
-void check_system_settings(options& opts)
+// The manager's settings are a checked copy of ./res/system.ini: a serialised QVariant in the file
+// would crash a QSettings reading it directly.
+void check_system_settings(VeltraInfoMgr* manager, options& opts)
 {
-    const QSettings system("./res/system.ini", QSettings::IniFormat);
+    const QSettings& system = static_cast<windows_information_imp*>(manager)->systemSettings;
     const QVariant remain = system.value("remain");
     if (remain.isValid() && remain.toInt() <= 0) {  // what is not a whole number reads as 0
         std::fprintf(stderr, "warning: \"remain\" is \"%s\" in ./res/system.ini, not a positive whole "
@@ -145,15 +148,33 @@ void remove_stale_write_leftovers()
             QFile::remove(file.filePath());
 }
 
+// Puts a parked record back under its name or, when a record was written under that name
+// meanwhile, under the first free "<stem>-<n>" name: a rename never replaces a file, and both
+// versions stay records.
+bool put_back(QFile& parked, const QString& file)
+{
+    const QFileInfo name(file);
+    for (int n = 0; n < 1000; ++n) {
+        const QString target = n == 0 ? file
+                                      : name.path() + "/" + name.completeBaseName() + "-" + QString::number(n) + "."
+                                            + name.suffix();
+        if (parked.rename(target))
+            return true;
+        if (!QFileInfo::exists(target))
+            return false;
+    }
+    return false;
+}
+
 // A run killed while a record was parked (see remove_if_sent) left it under its parked name: it
-// goes back, unless the host has written the record anew meanwhile. It may have been sent; sent
-// twice beats lost.
+// goes back. It may have been sent; sent twice beats lost.
 void restore_parked_records()
 {
     const QDir folder("veltrainfo");
-    for (const QString& parked : folder.entryList({kParkedPrefix + "*"}, QDir::Files | QDir::Hidden))
-        if (!QFile::rename(folder.filePath(parked), folder.filePath(parked.mid(kParkedPrefix.size()))))
-            QFile::remove(folder.filePath(parked));
+    for (const QString& parked : folder.entryList({kParkedPrefix + "*"}, QDir::Files | QDir::Hidden)) {
+        QFile file(folder.filePath(parked));
+        put_back(file, folder.filePath(parked.mid(kParkedPrefix.size())));
+    }
 }
 
 // Reads a record as the library will send it. The library reads a private copy of the bytes read
@@ -174,8 +195,7 @@ enum class removal { removed, changed, failed };
 // Deletes a confirmed record only while it holds exactly the bytes sent. A check and a delete by
 // name would race with a host replacing the record (it writes a new file and renames it onto the
 // name): the record is first renamed to a private name in its folder, so nothing can change what
-// is compared and deleted. A changed record goes back for the next run; a rename never replaces
-// a file, so a version the host wrote meanwhile under the record's name wins.
+// is compared and deleted. A changed record goes back for the next run (see put_back).
 removal remove_if_sent(const QString& file, const QByteArray& sent, QString& error)
 {
     const QString parked = QFileInfo(file).path() + "/" + kParkedPrefix + QFileInfo(file).fileName();
@@ -190,8 +210,8 @@ removal remove_if_sent(const QString& file, const QByteArray& sent, QString& err
         if (kept.remove())
             return removal::removed;
         error = kept.errorString();
-    } else if (!kept.rename(file) && QFileInfo::exists(file)) {
-        kept.remove();  // the host wrote the record anew: the version in between is not needed
+    } else if (!put_back(kept, file)) {
+        error = kept.errorString();
     }
     return error.isEmpty() ? removal::changed : removal::failed;
 }
@@ -454,7 +474,7 @@ int main(int argc, char** argv)
         information_clean();
         return disabled;
     }
-    check_system_settings(opts);
+    check_system_settings(manager, opts);
     QLockFile lock(kLockPath);
     if (!opts.dry_run) {
         if (const int refused = claim_record_folder(lock)) {
