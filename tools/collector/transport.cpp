@@ -9,6 +9,7 @@
 #include <boost/beast/ssl.hpp>
 
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -124,8 +125,8 @@ beast::error_code run(net::io_context& context, Initiate&& initiate)
 template <class Stream>
 class session final : public exchange {
 public:
-    session(http_server::impl& server, net::io_context& context, Stream& stream, http_server::impl::live& state)
-        : server_(server), context_(context), stream_(stream), state_(state)
+    session(http_server::impl& server, net::io_context& context, Stream& stream)
+        : server_(server), context_(context), stream_(stream)
     {
     }
 
@@ -252,7 +253,6 @@ private:
     http_server::impl& server_;
     net::io_context& context_;
     Stream& stream_;
-    http_server::impl::live& state_;
     beast::flat_buffer buffer_;
     http::request_parser<http::buffer_body> parser_;
     http_request request_;
@@ -267,12 +267,12 @@ void http_server::impl::serve(tcp::socket socket, net::io_context& context, live
     if (options.tls) {
         beast::ssl_stream<beast::tcp_stream> stream(std::move(socket), *options.tls);
         attach_socket(stream.native_handle(), state.fd);
-        session<beast::ssl_stream<beast::tcp_stream>> s(*this, context, stream, state);
+        session<beast::ssl_stream<beast::tcp_stream>> s(*this, context, stream);
         s.serve();
         leave(&state);  // before the socket closes: stop() must not reach a number reused since
     } else {
         beast::tcp_stream stream(std::move(socket));
-        session<beast::tcp_stream> s(*this, context, stream, state);
+        session<beast::tcp_stream> s(*this, context, stream);
         s.serve();
         leave(&state);
     }
@@ -328,7 +328,8 @@ void http_server::impl::work()
         lock.unlock();
         tcp::socket socket(context);
         beast::error_code ec;
-        socket.assign(protocol, state->fd, ec);
+        if (socket.assign(protocol, state->fd, ec); ec)
+            ::close(state->fd);  // served as a closed socket: every operation fails at once
         serve(std::move(socket), context, *state);
         context.restart();
         lock.lock();
