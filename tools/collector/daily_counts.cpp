@@ -1,0 +1,188 @@
+// The daily roll-up behind the dashboard's summaries: per UTC day, how many records each kind,
+// software version, device model, operating system and language had. The database keeps it up to
+// date itself (triggers), so a summary reads a few rows per day however many records there are.
+#include "daily_counts.h"
+
+#include <libpq-fe.h>
+#include <sqlite3.h>
+
+namespace collector {
+
+namespace {
+
+const char* const kDimensionNames[] = {"kind", "version", "model", "os", "lang"};
+
+bool dimension_named(const std::string& name, dimension& out)
+{
+    const dimension all[] = {dimension::kind, dimension::version, dimension::model, dimension::os, dimension::lang};
+    for (int i = 0; i < 5; ++i)
+        if (name == kDimensionNames[i])
+            return out = all[i], true;
+    return false;
+}
+
+}  // namespace
+
+// SQLite writes one transaction at a time: the triggers update the roll-up in place.
+const char* const kSqliteDailyCounts = R"(
+CREATE TABLE daily_counts (
+  day TEXT NOT NULL, dimension TEXT NOT NULL, value TEXT NOT NULL, n INTEGER NOT NULL,
+  PRIMARY KEY (day, dimension, value)) WITHOUT ROWID;
+INSERT INTO daily_counts
+  SELECT substr(received_at, 1, 10), dimension, value, count(*) FROM (
+    SELECT received_at, 'kind' AS dimension, kind AS value FROM records
+    UNION ALL SELECT received_at, 'version', software_ver FROM records
+    UNION ALL SELECT received_at, 'model', model_name FROM records
+    UNION ALL SELECT received_at, 'os', os_name FROM records
+    UNION ALL SELECT received_at, 'lang', lang FROM records)
+  GROUP BY 1, 2, 3;
+CREATE TRIGGER records_counted AFTER INSERT ON records BEGIN
+  INSERT INTO daily_counts VALUES
+    (substr(NEW.received_at, 1, 10), 'kind', NEW.kind, 1),
+    (substr(NEW.received_at, 1, 10), 'version', NEW.software_ver, 1),
+    (substr(NEW.received_at, 1, 10), 'model', NEW.model_name, 1),
+    (substr(NEW.received_at, 1, 10), 'os', NEW.os_name, 1),
+    (substr(NEW.received_at, 1, 10), 'lang', NEW.lang, 1)
+  ON CONFLICT (day, dimension, value) DO UPDATE SET n = n + 1;
+END;
+CREATE TRIGGER records_uncounted AFTER DELETE ON records BEGIN
+  UPDATE daily_counts SET n = n - 1 WHERE day = substr(OLD.received_at, 1, 10) AND (
+    (dimension = 'kind' AND value = OLD.kind) OR (dimension = 'version' AND value = OLD.software_ver) OR
+    (dimension = 'model' AND value = OLD.model_name) OR (dimension = 'os' AND value = OLD.os_name) OR
+    (dimension = 'lang' AND value = OLD.lang));
+END;
+)";
+
+// Several collectors write at once: updating shared counter rows from their transactions would
+// make them wait for (and deadlock with) each other. Their triggers only append to
+// daily_counts_pending; a reader folds that into daily_counts before it reads.
+const char* const kPostgresDailyCounts = R"(
+CREATE TABLE daily_counts (
+  day date NOT NULL, dimension text NOT NULL, value text NOT NULL, n bigint NOT NULL,
+  PRIMARY KEY (day, dimension, value));
+CREATE TABLE daily_counts_pending (day date NOT NULL, dimension text NOT NULL, value text NOT NULL, n bigint NOT NULL);
+CREATE FUNCTION records_count_changes() RETURNS trigger LANGUAGE plpgsql AS $$
+BEGIN
+  INSERT INTO daily_counts_pending
+    SELECT (c.received_at AT TIME ZONE 'UTC')::date, d.dimension, d.value,
+           CASE TG_OP WHEN 'INSERT' THEN count(*) ELSE -count(*) END
+    FROM changed c CROSS JOIN LATERAL (VALUES ('kind', c.kind), ('version', c.software_ver),
+      ('model', c.model_name), ('os', c.os_name), ('lang', c.lang)) AS d(dimension, value)
+    GROUP BY 1, 2, 3;
+  RETURN NULL;
+END $$;
+CREATE TRIGGER records_counted AFTER INSERT ON records REFERENCING NEW TABLE AS changed
+  FOR EACH STATEMENT EXECUTE FUNCTION records_count_changes();
+CREATE TRIGGER records_uncounted AFTER DELETE ON records REFERENCING OLD TABLE AS changed
+  FOR EACH STATEMENT EXECUTE FUNCTION records_count_changes();
+INSERT INTO daily_counts_pending
+  SELECT (r.received_at AT TIME ZONE 'UTC')::date, d.dimension, d.value, count(*)
+  FROM records r CROSS JOIN LATERAL (VALUES ('kind', r.kind), ('version', r.software_ver),
+    ('model', r.model_name), ('os', r.os_name), ('lang', r.lang)) AS d(dimension, value)
+  GROUP BY 1, 2, 3;
+)";
+
+std::vector<daily_count> sqlite_daily_counts(sqlite3* db, const std::string& first_day, const std::string& last_day)
+{
+    const char* sql = "SELECT day, dimension, value, n FROM daily_counts WHERE day BETWEEN ?1 AND ?2 AND n > 0";
+    sqlite3_stmt* stmt = nullptr;
+    if (sqlite3_prepare_v2(db, sql, -1, &stmt, nullptr) != SQLITE_OK)
+        throw store_error(std::string("SQLite: ") + sqlite3_errmsg(db));
+    sqlite3_bind_text(stmt, 1, first_day.data(), int(first_day.size()), SQLITE_TRANSIENT);
+    sqlite3_bind_text(stmt, 2, last_day.data(), int(last_day.size()), SQLITE_TRANSIENT);
+    const auto text = [stmt](int column) {
+        const auto* p = reinterpret_cast<const char*>(sqlite3_column_text(stmt, column));
+        return p ? std::string(p, std::size_t(sqlite3_column_bytes(stmt, column))) : std::string();
+    };
+    std::vector<daily_count> rows;
+    int rc;
+    while ((rc = sqlite3_step(stmt)) == SQLITE_ROW) {
+        daily_count row;
+        if (!dimension_named(text(1), row.by))
+            continue;
+        row.day = text(0);
+        row.value = text(2);
+        row.count = sqlite3_column_int64(stmt, 3);
+        rows.push_back(std::move(row));
+    }
+    sqlite3_finalize(stmt);
+    if (rc != SQLITE_DONE)
+        throw store_error(std::string("SQLite: ") + sqlite3_errmsg(db));
+    return rows;
+}
+
+namespace {
+
+PGresult* run(PGconn* conn, const char* sql, std::vector<const char*> params = {})
+{
+    PGresult* r = PQexecParams(conn, sql, int(params.size()), nullptr, params.data(), nullptr, nullptr, 0);
+    const ExecStatusType status = PQresultStatus(r);
+    if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK) {
+        const std::string why = std::string("PostgreSQL: ") + PQerrorMessage(conn);
+        PQclear(r);
+        PQclear(PQexec(conn, "ROLLBACK"));
+        throw store_error(why);
+    }
+    return r;
+}
+
+}  // namespace
+
+std::vector<daily_count> postgres_daily_counts(PGconn* conn, const std::string& first_day, const std::string& last_day)
+{
+    // One folder at a time, so that two readers never wait on each other's rows.
+    PQclear(run(conn, "BEGIN"));
+    PQclear(run(conn, "SELECT pg_advisory_xact_lock(7215393)"));
+    PQclear(run(conn, "WITH moved AS (DELETE FROM daily_counts_pending RETURNING *) "
+                      "INSERT INTO daily_counts SELECT day, dimension, value, sum(n) FROM moved "
+                      "GROUP BY 1, 2, 3 ORDER BY 1, 2, 3 "
+                      "ON CONFLICT (day, dimension, value) DO UPDATE SET n = daily_counts.n + excluded.n"));
+    PQclear(run(conn, "COMMIT"));
+    PGresult* r = run(conn, "SELECT to_char(day, 'YYYY-MM-DD'), dimension, value, n FROM daily_counts "
+                            "WHERE day BETWEEN $1::date AND $2::date AND n > 0",
+                      {first_day.c_str(), last_day.c_str()});
+    std::vector<daily_count> rows;
+    for (int i = 0; i < PQntuples(r); ++i) {
+        daily_count row;
+        if (!dimension_named(PQgetvalue(r, i, 1), row.by))
+            continue;
+        row.day = PQgetvalue(r, i, 0);
+        row.value.assign(PQgetvalue(r, i, 2), std::size_t(PQgetlength(r, i, 2)));
+        row.count = std::stoll(PQgetvalue(r, i, 3));
+        rows.push_back(std::move(row));
+    }
+    PQclear(r);
+    return rows;
+}
+
+bool sqlite_find_attachment(sqlite3* db, const std::string& dfs_id, new_attachment& out)
+{
+    sqlite3_stmt* stmt = nullptr;
+    if (sqlite3_prepare_v2(db, "SELECT app_id, filename, sha256, size FROM attachments WHERE dfs_id = ?1", -1, &stmt,
+                           nullptr) != SQLITE_OK)
+        throw store_error(std::string("SQLite: ") + sqlite3_errmsg(db));
+    sqlite3_bind_text(stmt, 1, dfs_id.data(), int(dfs_id.size()), SQLITE_TRANSIENT);
+    const bool found = sqlite3_step(stmt) == SQLITE_ROW;
+    if (found) {
+        const auto text = [stmt](int column) {
+            const auto* p = reinterpret_cast<const char*>(sqlite3_column_text(stmt, column));
+            return p ? std::string(p) : std::string();
+        };
+        out = {dfs_id, text(0), text(1), text(2), std::uint64_t(sqlite3_column_int64(stmt, 3))};
+    }
+    sqlite3_finalize(stmt);
+    return found;
+}
+
+bool postgres_find_attachment(PGconn* conn, const std::string& dfs_id, new_attachment& out)
+{
+    PGresult* r = run(conn, "SELECT app_id, filename, sha256, size FROM attachments WHERE dfs_id = $1", {dfs_id.c_str()});
+    const bool found = PQntuples(r) > 0;
+    if (found)
+        out = {dfs_id, PQgetvalue(r, 0, 0), PQgetvalue(r, 0, 1), PQgetvalue(r, 0, 2),
+               std::uint64_t(std::stoull(PQgetvalue(r, 0, 3)))};
+    PQclear(r);
+    return found;
+}
+
+}  // namespace collector
