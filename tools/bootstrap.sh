@@ -12,6 +12,7 @@ packages=(
   libbenchmark-dev libcurl4-openssl-dev curl
   clang libclang-rt-14-dev
   doxygen help2man
+  libjs-chart.js chromium chromium-driver python3-selenium
 )
 
 missing=()

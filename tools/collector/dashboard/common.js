@@ -57,6 +57,6 @@ const dash = {
 
   // Chart labels are drawn on a canvas, never parsed, but a huge one would squeeze the chart.
   label(text) {
-    return text.length > 40 ? text.slice(0, 39) + '\u2026' : text || '(none)';
+    return text.length > 24 ? text.slice(0, 23) + '\u2026' : text || '(none)';
   },
 };

@@ -41,7 +41,7 @@ async function load() {
       valueCell(record.serial), valueCell(record.os_name), recordCell(record))));
     const count = document.getElementById('count');
     count.dataset.total = String(page.total);
-    count.textContent = `${page.total} records`;
+    count.textContent = `${page.total} record${page.total === 1 ? "" : "s"}`;
     const last = Math.min(offset + page.records.length, page.total);
     document.getElementById('page').textContent = page.total ? `${offset + 1} to ${last} of ${page.total}` : '';
     document.getElementById('previous').disabled = offset === 0;

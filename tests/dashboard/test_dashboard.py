@@ -1,0 +1,153 @@
+#!/usr/bin/python3
+"""The dashboard in headless Chromium, against information_collector with records uploaded through
+the library: the page's numbers against the database's, filters, export, hostile records, and
+the token off loopback. Screenshots go to the build folder."""
+import json, os, sqlite3, ssl, subprocess, sys, tempfile, time, urllib.error, urllib.request
+from selenium import webdriver
+from selenium.webdriver.chrome.service import Service
+from selenium.webdriver.common.by import By
+from selenium.webdriver.support.ui import WebDriverWait
+
+COLLECTOR, WRITER, UPLOADER, OUT = sys.argv[1:5]
+DATA = tempfile.mkdtemp(prefix='dashboard-')
+INSECURE = ssl._create_unverified_context()
+
+
+def wait_for(condition, what, seconds=30):
+    deadline = time.monotonic() + seconds
+    while not condition():
+        assert time.monotonic() < deadline, 'no ' + what
+        time.sleep(0.05)
+
+
+def serve(address):
+    """information_collector serve with its dashboard on `address`; its URL once it listens."""
+    url_file = os.path.join(DATA, 'dashboard_url')
+    if os.path.exists(url_file):
+        os.remove(url_file)
+    process = subprocess.Popen([COLLECTOR, 'serve', '--data-dir', DATA, '--dashboard', address],
+                               stdout=subprocess.PIPE, text=True)
+    wait_for(lambda: os.path.exists(url_file) or process.poll() is not None, 'dashboard URL')
+    line = process.stdout.readline().strip()
+    url = open(url_file).read().strip()
+    assert line == 'dashboard on ' + url, line
+    return process, url
+
+
+def fetch(url, headers={}):
+    try:
+        with urllib.request.urlopen(urllib.request.Request(url, headers=headers), context=INSECURE) as answer:
+            return answer.status, answer.read().decode()
+    except urllib.error.HTTPError as refused:
+        return refused.code, refused.read().decode()
+
+
+def upload_records(ingest_url):
+    work = tempfile.mkdtemp(prefix='records-')
+    os.makedirs(os.path.join(work, 'res'))
+    open(os.path.join(work, 'res', 'system.ini'), 'w').write('[General]\nenable=1\nuploadintval=0\n')
+    open(os.path.join(work, 'url_config.ini'), 'w').write('[General]\nupload_url=%s/dtta\n' % ingest_url)
+    subprocess.run([WRITER, work], check=True)
+    subprocess.run([UPLOADER, '--dir', work, '--ca-file', os.path.join(DATA, 'ca.pem')], check=True)
+
+
+def browser():
+    options = webdriver.ChromeOptions()
+    options.binary_location = '/usr/bin/chromium'
+    for argument in ['--headless=new', '--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
+                     '--disable-background-networking', '--disable-component-update', '--disable-sync',
+                     '--ignore-certificate-errors', '--window-size=1280,1300',
+                     '--user-data-dir=' + tempfile.mkdtemp(prefix='chromium-')]:
+        options.add_argument(argument)
+    return webdriver.Chrome(service=Service('/usr/bin/chromedriver'), options=options)
+
+
+def open_page(driver, url):
+    driver.get(url)
+    WebDriverWait(driver, 20).until(lambda d: d.find_elements(By.CSS_SELECTOR, 'body[data-loaded]'))
+    return driver
+
+
+def numbers(driver):
+    cells = driver.find_elements(By.CSS_SELECTOR, '[data-kind]')
+    return ({cell.get_attribute('data-kind'): int(cell.text) for cell in cells},
+            int(driver.find_element(By.CSS_SELECTOR, '[data-total]').text))
+
+
+def check_untouched(driver):
+    """Hostile fields stayed text: no element or handler of theirs, the page no wider than the window."""
+    assert driver.title.startswith('Records'), driver.title
+    assert not driver.find_elements(By.CSS_SELECTOR, 'main img, main b, [onerror], [onmouseover]')
+    assert len(driver.find_elements(By.TAG_NAME, 'script')) == len(driver.find_elements(By.CSS_SELECTOR, 'script[src^="/static/"]'))
+    assert driver.execute_script('return document.documentElement.scrollWidth <= window.innerWidth')
+
+
+def main():
+    collector, url = serve('127.0.0.1:0')
+    driver = browser()
+    try:
+        upload_records(open(os.path.join(DATA, 'url')).read().strip())
+        db = sqlite3.connect(os.path.join(DATA, 'records.sqlite3'))
+        kinds = dict(db.execute('SELECT kind, count(*) FROM records GROUP BY kind'))
+        assert set(kinds) == {'usage', 'calibration', 'scan', 'feedback'}, kinds
+
+        # The overview's figures are the database's, each written out as text.
+        open_page(driver, url)
+        assert numbers(driver) == (kinds, sum(kinds.values())), numbers(driver)
+        hostile_version = "<script>document.title='pwned'</script>"
+        assert hostile_version in [c.text for c in driver.find_elements(By.CSS_SELECTOR, '.top[data-dimension=version] th')]
+        check_untouched(driver)
+        driver.save_screenshot(os.path.join(OUT, 'dashboard-overview.png'))
+
+        # A filter: the table shows exactly the database's calibration records; hostile cells stay in order.
+        open_page(driver, url + 'records?kind=calibration')
+        rows = driver.find_elements(By.CSS_SELECTOR, '#records tbody tr')
+        assert int(driver.find_element(By.ID, 'count').get_attribute('data-total')) == kinds['calibration'] == len(rows)
+        assert {row.find_elements(By.TAG_NAME, 'td')[2].text for row in rows} == {'calibration'}
+        for row in rows:
+            lefts = [cell.rect['x'] for cell in row.find_elements(By.TAG_NAME, 'td')]
+            assert lefts == sorted(lefts), lefts
+        for details in driver.find_elements(By.TAG_NAME, 'summary'):
+            details.click()
+        check_untouched(driver)
+        driver.save_screenshot(os.path.join(OUT, 'dashboard-records.png'))
+
+        # The export behind the page's link is what the command line gives for the same filter.
+        link = driver.find_element(By.ID, 'export-jsonl').get_attribute('href')
+        exported = driver.execute_async_script(
+            'fetch(arguments[0]).then((r) => r.text()).then(arguments[1])', link)
+        command_line = subprocess.run([COLLECTOR, 'export', '--data-dir', DATA, '--format', 'jsonl', '--kind', 'calibration'],
+                                      check=True, capture_output=True, text=True).stdout
+        assert exported == command_line and exported.count('\n') == kinds['calibration'], exported[:300]
+
+        # A feedback record links its attachment.
+        open_page(driver, url + 'records?kind=feedback')
+        assert driver.find_elements(By.CSS_SELECTOR, 'a[href="/api/v1/attachments/attachment-1"]')
+        assert fetch(url + 'api/v1/summary', {'Authorization': 'Bearer wrong'})[0] == 200  # loopback: no token
+    finally:
+        collector.terminate()
+        collector.wait()
+
+    # Off loopback every request needs the token: as a bearer header, or the sign-in's cookie.
+    address = subprocess.run(['hostname', '-I'], capture_output=True, text=True).stdout.split()[0]
+    collector, url = serve(address + ':0')
+    try:
+        token = open(os.path.join(DATA, 'dashboard.token')).read().strip()
+        assert os.stat(os.path.join(DATA, 'dashboard.token')).st_mode & 0o777 == 0o600
+        assert fetch(url + 'api/v1/summary')[0] == 401
+        assert fetch(url + 'api/v1/records', {'Authorization': 'Bearer ' + token[:-1] + 'x'})[0] == 401
+        assert fetch(url + 'api/v1/summary', {'Authorization': 'Bearer ' + token})[0] == 200
+        driver.get(url)
+        assert driver.current_url == url + 'login'
+        driver.find_element(By.ID, 'token').send_keys(token + '\n')
+        open_page(driver, driver.current_url)
+        assert numbers(driver) == (kinds, sum(kinds.values()))
+        cookie, = driver.get_cookies()
+        assert cookie['httpOnly'] and cookie['sameSite'] == 'Strict', cookie
+    finally:
+        collector.terminate()
+        collector.wait()
+        driver.quit()
+
+
+main()
