@@ -1,6 +1,6 @@
 // The daily roll-up behind the dashboard's summaries: per UTC day, how many records each kind,
-// software version, device model, operating system and language had. The database keeps it up to
-// date itself (triggers), so a summary reads a few rows per day however many records there are.
+// software version, device model, operating system and language had. The database's triggers note
+// every record added or removed, so a summary reads a few rows per day however many records there are.
 #include "daily_counts.h"
 
 #include <libpq-fe.h>
@@ -23,67 +23,84 @@ bool dimension_named(const std::string& name, dimension& out)
 
 }  // namespace
 
-// SQLite writes one transaction at a time: the triggers update the roll-up in place.
+// Updating shared counter rows from every write would double a write's cost and, with several
+// collectors on one database, make their transactions wait for (and deadlock with) each other.
+// So a write only appends one row per record to daily_counts_pending (-1 for a removed record),
+// and a reader folds those into daily_counts before it reads.
 const char* const kSqliteDailyCounts = R"(
 CREATE TABLE daily_counts (
   day TEXT NOT NULL, dimension TEXT NOT NULL, value TEXT NOT NULL, n INTEGER NOT NULL,
   PRIMARY KEY (day, dimension, value)) WITHOUT ROWID;
-INSERT INTO daily_counts
-  SELECT substr(received_at, 1, 10), dimension, value, count(*) FROM (
-    SELECT received_at, 'kind' AS dimension, kind AS value FROM records
-    UNION ALL SELECT received_at, 'version', software_ver FROM records
-    UNION ALL SELECT received_at, 'model', model_name FROM records
-    UNION ALL SELECT received_at, 'os', os_name FROM records
-    UNION ALL SELECT received_at, 'lang', lang FROM records)
-  GROUP BY 1, 2, 3;
+CREATE TABLE daily_counts_pending (
+  day TEXT NOT NULL, kind TEXT NOT NULL, software_ver TEXT NOT NULL, model_name TEXT NOT NULL,
+  os_name TEXT NOT NULL, lang TEXT NOT NULL, n INTEGER NOT NULL);
+INSERT INTO daily_counts_pending
+  SELECT substr(received_at, 1, 10), kind, software_ver, model_name, os_name, lang, 1 FROM records;
 CREATE TRIGGER records_counted AFTER INSERT ON records BEGIN
-  INSERT INTO daily_counts VALUES
-    (substr(NEW.received_at, 1, 10), 'kind', NEW.kind, 1),
-    (substr(NEW.received_at, 1, 10), 'version', NEW.software_ver, 1),
-    (substr(NEW.received_at, 1, 10), 'model', NEW.model_name, 1),
-    (substr(NEW.received_at, 1, 10), 'os', NEW.os_name, 1),
-    (substr(NEW.received_at, 1, 10), 'lang', NEW.lang, 1)
-  ON CONFLICT (day, dimension, value) DO UPDATE SET n = n + 1;
+  INSERT INTO daily_counts_pending VALUES (substr(NEW.received_at, 1, 10), NEW.kind, NEW.software_ver,
+    NEW.model_name, NEW.os_name, NEW.lang, 1);
 END;
 CREATE TRIGGER records_uncounted AFTER DELETE ON records BEGIN
-  UPDATE daily_counts SET n = n - 1 WHERE day = substr(OLD.received_at, 1, 10) AND (
-    (dimension = 'kind' AND value = OLD.kind) OR (dimension = 'version' AND value = OLD.software_ver) OR
-    (dimension = 'model' AND value = OLD.model_name) OR (dimension = 'os' AND value = OLD.os_name) OR
-    (dimension = 'lang' AND value = OLD.lang));
+  INSERT INTO daily_counts_pending VALUES (substr(OLD.received_at, 1, 10), OLD.kind, OLD.software_ver,
+    OLD.model_name, OLD.os_name, OLD.lang, -1);
 END;
 )";
 
-// Several collectors write at once: updating shared counter rows from their transactions would
-// make them wait for (and deadlock with) each other. Their triggers only append to
-// daily_counts_pending; a reader folds that into daily_counts before it reads.
 const char* const kPostgresDailyCounts = R"(
 CREATE TABLE daily_counts (
   day date NOT NULL, dimension text NOT NULL, value text NOT NULL, n bigint NOT NULL,
   PRIMARY KEY (day, dimension, value));
-CREATE TABLE daily_counts_pending (day date NOT NULL, dimension text NOT NULL, value text NOT NULL, n bigint NOT NULL);
+CREATE TABLE daily_counts_pending (
+  day date NOT NULL, kind text NOT NULL, software_ver text NOT NULL, model_name text NOT NULL,
+  os_name text NOT NULL, lang text NOT NULL, n integer NOT NULL);
+INSERT INTO daily_counts_pending
+  SELECT (received_at AT TIME ZONE 'UTC')::date, kind, software_ver, model_name, os_name, lang, 1 FROM records;
 CREATE FUNCTION records_count_changes() RETURNS trigger LANGUAGE plpgsql AS $$
 BEGIN
   INSERT INTO daily_counts_pending
-    SELECT (c.received_at AT TIME ZONE 'UTC')::date, d.dimension, d.value,
-           CASE TG_OP WHEN 'INSERT' THEN count(*) ELSE -count(*) END
-    FROM changed c CROSS JOIN LATERAL (VALUES ('kind', c.kind), ('version', c.software_ver),
-      ('model', c.model_name), ('os', c.os_name), ('lang', c.lang)) AS d(dimension, value)
-    GROUP BY 1, 2, 3;
+    SELECT (received_at AT TIME ZONE 'UTC')::date, kind, software_ver, model_name, os_name, lang,
+           CASE TG_OP WHEN 'INSERT' THEN 1 ELSE -1 END
+    FROM changed;
   RETURN NULL;
 END $$;
 CREATE TRIGGER records_counted AFTER INSERT ON records REFERENCING NEW TABLE AS changed
   FOR EACH STATEMENT EXECUTE FUNCTION records_count_changes();
 CREATE TRIGGER records_uncounted AFTER DELETE ON records REFERENCING OLD TABLE AS changed
   FOR EACH STATEMENT EXECUTE FUNCTION records_count_changes();
-INSERT INTO daily_counts_pending
-  SELECT (r.received_at AT TIME ZONE 'UTC')::date, d.dimension, d.value, count(*)
-  FROM records r CROSS JOIN LATERAL (VALUES ('kind', r.kind), ('version', r.software_ver),
-    ('model', r.model_name), ('os', r.os_name), ('lang', r.lang)) AS d(dimension, value)
-  GROUP BY 1, 2, 3;
 )";
+
+namespace {
+
+// The pending rows `source` (a table or a CTE) as counts per day, dimension and value.
+std::string pending_counts(const std::string& source)
+{
+    std::string sql;
+    const std::pair<const char*, const char*> columns[] = {
+        {"kind", "kind"}, {"version", "software_ver"}, {"model", "model_name"}, {"os", "os_name"}, {"lang", "lang"}};
+    for (const auto& c : columns)
+        sql += std::string(sql.empty() ? "" : " UNION ALL ") + "SELECT day, '" + c.first + "' AS dimension, " +
+               c.second + " AS value, sum(n) AS n FROM " + source + " GROUP BY day, " + c.second;
+    return sql;
+}
+
+const char* const kFoldConflict = " ON CONFLICT (day, dimension, value) DO UPDATE SET n = daily_counts.n + excluded.n";
+
+void sqlite_exec(sqlite3* db, const std::string& sql)
+{
+    if (sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr) != SQLITE_OK) {
+        const std::string why = std::string("SQLite: ") + sqlite3_errmsg(db);
+        sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
+        throw store_error(why);
+    }
+}
+
+}  // namespace
 
 std::vector<daily_count> sqlite_daily_counts(sqlite3* db, const std::string& first_day, const std::string& last_day)
 {
+    // IMMEDIATE: no write comes between the fold and the emptying of the pending rows.
+    sqlite_exec(db, "BEGIN IMMEDIATE; INSERT INTO daily_counts SELECT * FROM (" + pending_counts("daily_counts_pending") +
+                        ") WHERE true" + kFoldConflict + "; DELETE FROM daily_counts_pending; COMMIT");
     const char* sql = "SELECT day, dimension, value, n FROM daily_counts WHERE day BETWEEN ?1 AND ?2 AND n > 0";
     sqlite3_stmt* stmt = nullptr;
     if (sqlite3_prepare_v2(db, sql, -1, &stmt, nullptr) != SQLITE_OK)
@@ -133,10 +150,8 @@ std::vector<daily_count> postgres_daily_counts(PGconn* conn, const std::string& 
     // One folder at a time, so that two readers never wait on each other's rows.
     PQclear(run(conn, "BEGIN"));
     PQclear(run(conn, "SELECT pg_advisory_xact_lock(7215393)"));
-    PQclear(run(conn, "WITH moved AS (DELETE FROM daily_counts_pending RETURNING *) "
-                      "INSERT INTO daily_counts SELECT day, dimension, value, sum(n) FROM moved "
-                      "GROUP BY 1, 2, 3 ORDER BY 1, 2, 3 "
-                      "ON CONFLICT (day, dimension, value) DO UPDATE SET n = daily_counts.n + excluded.n"));
+    PQclear(run(conn, ("WITH moved AS (DELETE FROM daily_counts_pending RETURNING *) INSERT INTO daily_counts " +
+                       pending_counts("moved") + kFoldConflict).c_str()));
     PQclear(run(conn, "COMMIT"));
     PGresult* r = run(conn, "SELECT to_char(day, 'YYYY-MM-DD'), dimension, value, n FROM daily_counts "
                             "WHERE day BETWEEN $1::date AND $2::date AND n > 0",

@@ -1,5 +1,5 @@
-// The daily roll-up's schema and reads for each engine; the engines call these. Not part of the
-// store's interface.
+// The daily roll-up's schema and reads for each engine (a read first folds in what is pending);
+// the engines call these. Not part of the store's interface.
 #pragma once
 
 #include "store.h"
@@ -9,8 +9,8 @@ struct pg_conn;
 
 namespace collector {
 
-// A schema migration each: the roll-up table, filled from the records already kept, and the
-// triggers that keep it up to date.
+// A schema migration each: the roll-up, the records already kept noted as pending, and the
+// triggers that note every record added or removed.
 extern const char* const kSqliteDailyCounts;
 extern const char* const kPostgresDailyCounts;
 

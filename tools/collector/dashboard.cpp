@@ -10,6 +10,8 @@
 #include <openssl/crypto.h>
 #include <openssl/rand.h>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -464,7 +466,10 @@ void dashboard::send(exchange& ex, const reply& r) const
 
 bool is_loopback_host(const std::string& host)
 {
-    return host == "localhost" || host == "::1" || host == "[::1]" || host.rfind("127.", 0) == 0;
+    unsigned char address[16];
+    if (inet_pton(AF_INET, host.c_str(), address) == 1)
+        return address[0] == 127;
+    return host == "localhost" || (inet_pton(AF_INET6, host.c_str(), address) == 1 && IN6_IS_ADDR_LOOPBACK(address));
 }
 
 std::string dashboard_token(const std::string& data_dir, std::string& error)
@@ -472,8 +477,8 @@ std::string dashboard_token(const std::string& data_dir, std::string& error)
     const std::string path = data_dir + "/dashboard.token";
     std::ifstream existing(path);
     std::string token;
-    if (existing && std::getline(existing, token) && token.size() >= 32)
-        return token;
+    if (existing && std::getline(existing, token) && !token.empty())
+        return token;  // the operator's own, or ours from an earlier start
     unsigned char bytes[32];
     if (RAND_bytes(bytes, sizeof bytes) != 1) {
         error = "no random bytes for the dashboard token";
