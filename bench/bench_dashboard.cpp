@@ -66,7 +66,7 @@ void fill(const std::string& path, long n)
 {
     sqlite3* db = nullptr;
     sqlite3_open(path.c_str(), &db);
-    sqlite3_exec(db, "BEGIN", nullptr, nullptr, nullptr);
+    sqlite3_exec(db, "PRAGMA synchronous=FULL; PRAGMA temp_store=MEMORY; BEGIN", nullptr, nullptr, nullptr);  // as the store
     sqlite3_stmt* insert = nullptr;
     sqlite3_prepare_v2(db,
                        "INSERT INTO records (received_at, app_id, kind, body, sha256, software_name, software_ver, "

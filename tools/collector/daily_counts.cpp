@@ -34,8 +34,12 @@ CREATE TABLE daily_counts (
 CREATE TABLE daily_counts_pending (
   day TEXT NOT NULL, kind TEXT NOT NULL, software_ver TEXT NOT NULL, model_name TEXT NOT NULL,
   os_name TEXT NOT NULL, lang TEXT NOT NULL, n INTEGER NOT NULL);
-INSERT INTO daily_counts_pending
-  SELECT substr(received_at, 1, 10), kind, software_ver, model_name, os_name, lang, 1 FROM records;
+INSERT INTO daily_counts
+  SELECT substr(received_at, 1, 10), 'kind', kind, count(*) FROM records GROUP BY 1, 3
+  UNION ALL SELECT substr(received_at, 1, 10), 'version', software_ver, count(*) FROM records GROUP BY 1, 3
+  UNION ALL SELECT substr(received_at, 1, 10), 'model', model_name, count(*) FROM records GROUP BY 1, 3
+  UNION ALL SELECT substr(received_at, 1, 10), 'os', os_name, count(*) FROM records GROUP BY 1, 3
+  UNION ALL SELECT substr(received_at, 1, 10), 'lang', lang, count(*) FROM records GROUP BY 1, 3;
 CREATE TRIGGER records_counted AFTER INSERT ON records BEGIN
   INSERT INTO daily_counts_pending VALUES (substr(NEW.received_at, 1, 10), NEW.kind, NEW.software_ver,
     NEW.model_name, NEW.os_name, NEW.lang, 1);
@@ -53,8 +57,11 @@ CREATE TABLE daily_counts (
 CREATE TABLE daily_counts_pending (
   day date NOT NULL, kind text NOT NULL, software_ver text NOT NULL, model_name text NOT NULL,
   os_name text NOT NULL, lang text NOT NULL, n integer NOT NULL);
-INSERT INTO daily_counts_pending
-  SELECT (received_at AT TIME ZONE 'UTC')::date, kind, software_ver, model_name, os_name, lang, 1 FROM records;
+INSERT INTO daily_counts
+  SELECT (r.received_at AT TIME ZONE 'UTC')::date, d.dimension, d.value, count(*)
+  FROM records r CROSS JOIN LATERAL (VALUES ('kind', r.kind), ('version', r.software_ver),
+    ('model', r.model_name), ('os', r.os_name), ('lang', r.lang)) AS d(dimension, value)
+  GROUP BY 1, 2, 3;
 CREATE FUNCTION records_count_changes() RETURNS trigger LANGUAGE plpgsql AS $$
 BEGIN
   INSERT INTO daily_counts_pending
@@ -98,11 +105,17 @@ void sqlite_exec(sqlite3* db, const std::string& sql)
 
 std::vector<daily_count> sqlite_daily_counts(sqlite3* db, const std::string& first_day, const std::string& last_day)
 {
-    // IMMEDIATE: no write comes between the fold and the emptying of the pending rows.
-    sqlite_exec(db, "BEGIN IMMEDIATE; INSERT INTO daily_counts SELECT * FROM (" + pending_counts("daily_counts_pending") +
-                        ") WHERE true" + kFoldConflict + "; DELETE FROM daily_counts_pending; COMMIT");
-    const char* sql = "SELECT day, dimension, value, n FROM daily_counts WHERE day BETWEEN ?1 AND ?2 AND n > 0";
     sqlite3_stmt* stmt = nullptr;
+    if (sqlite3_prepare_v2(db, "SELECT EXISTS (SELECT 1 FROM daily_counts_pending)", -1, &stmt, nullptr) != SQLITE_OK)
+        throw store_error(std::string("SQLite: ") + sqlite3_errmsg(db));
+    const bool pending = sqlite3_step(stmt) == SQLITE_ROW && sqlite3_column_int(stmt, 0) != 0;
+    sqlite3_finalize(stmt);
+    // IMMEDIATE: no write comes between the fold and the emptying of the pending rows. Only when
+    // there is something to fold: a commit costs a disk flush.
+    if (pending)
+        sqlite_exec(db, "BEGIN IMMEDIATE; INSERT INTO daily_counts SELECT * FROM (" + pending_counts("daily_counts_pending") +
+                            ") WHERE true" + kFoldConflict + "; DELETE FROM daily_counts_pending; COMMIT");
+    const char* sql = "SELECT day, dimension, value, n FROM daily_counts WHERE day BETWEEN ?1 AND ?2 AND n > 0";
     if (sqlite3_prepare_v2(db, sql, -1, &stmt, nullptr) != SQLITE_OK)
         throw store_error(std::string("SQLite: ") + sqlite3_errmsg(db));
     sqlite3_bind_text(stmt, 1, first_day.data(), int(first_day.size()), SQLITE_TRANSIENT);

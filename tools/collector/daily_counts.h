@@ -9,7 +9,7 @@ struct pg_conn;
 
 namespace collector {
 
-// A schema migration each: the roll-up, the records already kept noted as pending, and the
+// A schema migration each: the roll-up, counted from the records already kept, and the
 // triggers that note every record added or removed.
 extern const char* const kSqliteDailyCounts;
 extern const char* const kPostgresDailyCounts;

@@ -113,7 +113,9 @@ sqlite3* connect(const std::string& path)
     }
     sqlite3_busy_timeout(db, 5000);  // a writer of another process holds the lock for a moment only
     try {
-        exec(db, "PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL;");
+        // temp_store: a statement journal in memory, not a temporary file for every insert that fires
+        // a trigger (that file tripled an insert's CPU time).
+        exec(db, "PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL; PRAGMA temp_store=MEMORY;");
     } catch (...) {
         sqlite3_close(db);
         throw;
