@@ -1,6 +1,7 @@
-// A local collection service: answers the library's requests like the real service does, keeps
-// every request it received for inspection, and can be told to misbehave. The tests start one
-// in-process; information_devserver wraps it as a stand-alone development server.
+// The collector's test double: the collector's transport, protocol and certificates (and, when
+// asked to keep what it accepts, its SQLite store) with request inspection and misbehaviour on
+// top. The tests and benchmarks start one in-process; information_devserver serves one with its
+// switches. It is never part of information_collector's own path.
 #pragma once
 
 #include <chrono>
@@ -63,8 +64,8 @@ struct service_options {
     std::string host = "127.0.0.1";
     int port = 0;             // 0: the system picks one
     // Holds cert.pem, key.pem and ca.pem (created on first start, reused after) and the files served:
-    // data_dir/software/<name>/interface.json and data_dir/files/<path> (installers).
-    // Empty: a private temporary directory removed with the service.
+    // data_dir/software/<name>/interface.json and data_dir/files/<path> (installers), and what
+    // store_received keeps. Empty: a private temporary directory removed with the service.
     std::string data_dir;
     std::size_t keep_limit = 16u << 20;  // bytes of a body or part kept for inspection
     // A larger body is answered 413 and stored nowhere; one announced larger is not even read.
@@ -76,12 +77,11 @@ struct service_options {
     // Qt's client does not disable Nagle and writes a request's head and body as two records, so
     // against a delaying server each HTTPS upload waits 40 ms for the body to leave.
     bool prompt_ack = false;
-    // Connections served at most at once (silent ones hold one each); threads start as needed.
+    // Connections served at most at once (silent ones hold one each), a thread each.
     std::size_t threads = 1024;
-    // Keep what the service accepted: records as data_dir/received/<n>-<kind>.json, files as
-    // data_dir/uploads/<n>-<dfs_id>-<filename>, written to data_dir/incoming/ while they arrive;
-    // n counts records and files in arrival order, on from an earlier run's. The kind and file
-    // name are reduced to letters, digits, '_', '-' (and '.' in file names).
+    // Keep what the service accepted as information_collector does: records in the SQLite store
+    // data_dir/records.sqlite3, files under data_dir/files/uploads/ by their SHA-256 (written to
+    // data_dir/incoming/ while they arrive). Otherwise it checks and answers, and keeps nothing.
     bool store_received = false;
     bool keep_requests = true;  // keep every request for received(); false: only count them
     // Called once a request has been answered, with the status sent (from a serving thread).
