@@ -62,10 +62,11 @@ def browser():
     return webdriver.Chrome(service=Service('/usr/bin/chromedriver'), options=options)
 
 
-def open_page(driver, url):
-    driver.get(url)
+def open_page(driver, url=None):
+    """Opens `url` (or stays) and waits for the page to have shown its data."""
+    if url:
+        driver.get(url)
     WebDriverWait(driver, 20).until(lambda d: d.find_elements(By.CSS_SELECTOR, 'body[data-loaded]'))
-    return driver
 
 
 def numbers(driver):
@@ -140,7 +141,7 @@ def main():
         driver.get(url)
         assert driver.current_url == url + 'login'
         driver.find_element(By.ID, 'token').send_keys(token + '\n')
-        open_page(driver, driver.current_url)
+        open_page(driver)
         assert numbers(driver) == (kinds, sum(kinds.values()))
         cookie, = driver.get_cookies()
         assert cookie['httpOnly'] and cookie['sameSite'] == 'Strict', cookie
