@@ -373,8 +373,8 @@ void dashboard::send_export(exchange& ex, const std::string& query)
         return;
     }
     bool written = true;
-    export_records(store_, filter, format, [&](const std::string& piece) {
-        written = written && std::fwrite(piece.data(), 1, piece.size(), file.get()) == piece.size();
+    export_records(store_, filter, format, [&](const std::string& line) {
+        return written = std::fwrite(line.data(), 1, line.size(), file.get()) == line.size();
     });
     if (!written || std::fflush(file.get()) != 0) {
         send(ex, error_reply(503, "no room for the export"));

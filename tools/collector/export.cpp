@@ -1,28 +1,46 @@
 #include "export.h"
 
-#include <QJsonDocument>
-#include <QJsonObject>
+#include <cstdio>
 
 namespace collector {
 
 namespace {
 
-std::string csv_field(const std::string& value)
+// The body on one line: JSON allows no raw line break inside a string, so dropping them all
+// leaves the object as it was.
+std::string one_line(const std::string& text)
 {
-    std::string text = value;
-    if (!text.empty() && std::string("=+-@\t\r").find(text[0]) != std::string::npos)
-        text.insert(0, 1, '\'');  // never a formula in the spreadsheet that opens it
-    if (text.find_first_of(",\"\r\n") == std::string::npos)
-        return text;
-    std::string quoted = "\"";
+    std::string out;
+    out.reserve(text.size());
     for (const char c : text)
-        quoted += c == '"' ? std::string("\"\"") : std::string(1, c);
-    return quoted + '"';
+        if (c != '\n' && c != '\r')
+            out += c;
+    return out;
 }
 
-QString qs(const std::string& s)
+std::string csv_field(const std::string& text)
 {
-    return QString::fromStdString(s);
+    std::string out = "\"";
+    for (const char c : text)
+        out += c == '"' ? std::string("\"\"") : std::string(1, c);
+    return out + "\"";
+}
+
+std::string json_string(const std::string& text)
+{
+    std::string out = "\"";
+    for (const char c : text) {
+        if (c == '"' || c == '\\') {
+            out += '\\', out += c;
+        } else if (static_cast<unsigned char>(c) < 0x20) {
+            char escaped[8];
+            std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
+            out += escaped;
+        } else {
+            out += c;
+        }
+    }
+    return out + "\"";
 }
 
 }  // namespace
@@ -37,28 +55,25 @@ bool parse_export_format(const std::string& name, export_format& out)
 }
 
 void export_records(record_store& store, const record_filter& filter, export_format format,
-                    const std::function<void(const std::string&)>& out)
+                    const std::function<bool(const std::string&)>& out)
 {
-    if (format == export_format::csv)
-        out("id,received_at,app_id,kind,software_name,software_ver,model_name,os_name,serial,start_on,lang,body\r\n");
+    const bool csv = format == export_format::csv;
+    if (csv && !out("id,received_at,app_id,kind,sha256,software_name,software_ver,model_name,os_name,serial,"
+                    "start_on,lang,record\n"))
+        return;
     store.list(filter, 0, 0, [&](const stored_record& r) {
-        if (format == export_format::csv) {
-            std::string line = std::to_string(r.id);
-            for (const std::string* v : {&r.received_at, &r.app_id, &r.kind, &r.software_name, &r.software_ver,
-                                         &r.model_name, &r.os_name, &r.serial, &r.start_on, &r.lang, &r.body})
-                line += ',' + csv_field(*v);
-            out(line + "\r\n");
-            return true;
+        std::string line = std::to_string(r.id) + ",";
+        if (csv) {
+            line += r.received_at + "," + csv_field(r.app_id) + "," + csv_field(r.kind) + "," + r.sha256;
+            for (const std::string* field : {&r.software_name, &r.software_ver, &r.model_name, &r.os_name, &r.serial,
+                                             &r.start_on, &r.lang, &r.body})
+                line += "," + csv_field(one_line(*field));
+        } else {
+            line = R"({"id":)" + line + R"("received_at":")" + r.received_at + R"(","app_id":)" + json_string(r.app_id) +
+                   R"(,"kind":)" + json_string(r.kind) + R"(,"sha256":")" + r.sha256 + R"(","record":)" +
+                   one_line(r.body) + "}";
         }
-        const QJsonObject record = QJsonDocument::fromJson(QByteArray::fromStdString(r.body)).object();
-        const QJsonObject line{{"id", double(r.id)},          {"received_at", qs(r.received_at)},
-                               {"app_id", qs(r.app_id)},      {"kind", qs(r.kind)},
-                               {"software_name", qs(r.software_name)}, {"software_ver", qs(r.software_ver)},
-                               {"model_name", qs(r.model_name)}, {"os_name", qs(r.os_name)},
-                               {"serial", qs(r.serial)},      {"start_on", qs(r.start_on)},
-                               {"lang", qs(r.lang)},          {"record", record}};
-        out(QJsonDocument(line).toJson(QJsonDocument::Compact).toStdString() + "\n");
-        return true;
+        return out(line + "\n");
     });
 }
 

@@ -13,11 +13,11 @@ enum class export_format { csv, jsonl };
 // "csv" or "jsonl"; false for anything else.
 bool parse_export_format(const std::string& name, export_format& out);
 
-// Streams the records matching `filter`, in id order, to `out` a record at a time.
-// CSV: a header line, then one line per record (RFC 4180 quoting; a field that a spreadsheet
-// would take for a formula, starting with = + - @ or a tab, is prefixed with '). JSONL: one JSON
-// object per line, the record under "record" in compact form.
+// Streams the records matching `filter`, in id order, to `out` a line at a time, until `out`
+// returns false. CSV: a header line, then one line per record, every text field quoted, line
+// breaks dropped from the extracted fields and the record. JSONL: one object per line: id,
+// received_at, app_id, kind, sha256, and the record itself (on one line) under "record".
 void export_records(record_store& store, const record_filter& filter, export_format format,
-                    const std::function<void(const std::string&)>& out);
+                    const std::function<bool(const std::string&)>& out);
 
 }  // namespace collector
