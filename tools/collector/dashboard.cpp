@@ -543,4 +543,10 @@ bool dashboard_listener::start(const std::string& address, std::string& error)
     return true;
 }
 
+void dashboard_listener::stop()
+{
+    if (server_)
+        server_->stop(false);
+}
+
 }  // namespace collector

@@ -62,6 +62,8 @@ public:
                        std::shared_ptr<boost::asio::ssl::context> tls);
     bool start(const std::string& address, std::string& error);
     std::string url() const { return url_; }
+    // Stops accepting and finishes the requests in flight: call it before the store goes.
+    void stop();
 
 private:
     std::string data_dir_;
