@@ -37,8 +37,9 @@ int main(int argc, char** argv)
     m->setSoftwareName("ExampleScan");
     QString ple = "tt-K300.ple", version = "2.1.0", model = "K300", modular = "turntable";
     m->create_usage_inifo("", ple, version, model, modular, 1);
+    QThread::msleep(1100);  // calibration, scan and feedback records are named by the second, so is usage
     record_round(m, "2.1.0", "K300", "SN-0001", "fine");
-    QThread::msleep(1100);  // calibration and scan records are named by the second
+    QThread::msleep(1100);
     record_round(m, "<script>document.title='pwned'</script>", "<img src=x onerror=\"document.title='pwned'\">",
                  "\u202Egpj.exe" + QString(20000, 'W'),
                  QString::fromUtf8("\u05E9\u05DC\u05D5\u05DD \u0645\u0631\u062D\u0628\u0627 </pre><b onmouseover=alert(1)>x"));
