@@ -1,29 +1,30 @@
 #!/usr/bin/env bash
-# The main job, end to end on this machine: builds the library and its tools, starts the local
-# collection service, records one of every kind through the example host, uploads the due records
-# with information_uploader, shows what the service received and what is left, and stops the
-# service. Installs what is missing first.
+# The main job, end to end on this machine: builds the library and its tools, starts
+# information_collector on SQLite, records one of every kind through the example host, uploads the
+# due records with information_uploader, stops the collector, shows what is left and ends with the
+# collector's stats. Installs what is missing first.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash tools/bootstrap.sh
 
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build build --target example_host information_uploader information_devserver
+cmake --build build --target example_host information_uploader information_collector
 bin=$PWD/build/tools
 examples=$PWD/build/examples
 demo=$PWD/build/demo
 rm -rf "$demo" && mkdir -p "$demo/res"
 
-echo "== starting the local collection service =="
-"$bin/information_devserver" --data-dir "$demo/devserver-data" >"$demo/devserver.log" 2>&1 &
+data=$demo/collector-data
+echo "== starting information_collector (SQLite in $data) =="
+"$bin/information_collector" serve --data-dir "$data" >"$demo/collector.log" 2>&1 &
 server=$!
 trap 'kill "$server" 2>/dev/null; wait "$server" 2>/dev/null || true' EXIT
 for _ in $(seq 100); do
-  [ -s "$demo/devserver-data/url" ] && break
-  kill -0 "$server" || { cat "$demo/devserver.log"; exit 1; }
+  [ -s "$data/url" ] && break
+  kill -0 "$server" || { cat "$demo/collector.log"; exit 1; }
   sleep 0.1
 done
-url=$(cat "$demo/devserver-data/url")
+url=$(cat "$data/url")
 echo "listening on $url"
 
 # Uploading on, records due as soon as they are written, the release URL pointing at the service.
@@ -39,9 +40,11 @@ echo "== uploading the due records (information_uploader) =="
 "$bin/information_uploader" --dir "$demo" 2>"$demo/uploader.log" || {
   cat "$demo/uploader.log"; exit 1; }
 
-echo
-echo "== what the service received =="
-"$bin/information_devserver" --data-dir "$demo/devserver-data" --list
+kill -TERM "$server" && wait "$server"  # answers what is in flight, then exits 0
+trap - EXIT
 echo
 echo "== left in $demo/veltrainfo (score records are never uploaded) =="
 ls "$demo/veltrainfo"
+echo
+echo "== what the collector kept (information_collector stats) =="
+"$bin/information_collector" stats --data-dir "$data"

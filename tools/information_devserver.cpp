@@ -1,6 +1,8 @@
-// information_devserver: the local collection service as a stand-alone server, to develop and
-// demonstrate against. Stores what it accepted in its data folder and lists it with --list.
+// information_devserver: information_collector with development defaults (its local authority,
+// its SQLite store in the data folder, a line per request) and switches that make it misbehave,
+// to develop and demonstrate against. Lists what it kept with --list.
 #include "collection_service/collection_service.h"
+#include "collector/store.h"
 
 #include <information_api/information_api_version.h>
 
@@ -8,7 +10,6 @@
 #include <QCoreApplication>
 #include <QDateTime>
 
-#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
@@ -26,18 +27,18 @@ volatile std::sig_atomic_t stop_requested = 0;
 void request_stop(int) { stop_requested = 1; }
 
 const char* const kDescription =
-    "Answers like the collection service: POST .../dtta?type=KIND (records), POST .../up "
-    "(multipart files), GET /software/NAME/interface.json and GET /files/PATH. HTTPS on "
+    "information_collector with development defaults: answers POST .../dtta?type=KIND (records), "
+    "POST .../up (multipart files), GET /software/NAME/interface.json and GET /files/PATH. HTTPS on "
     "127.0.0.1 with a certificate from its own local authority; prints the URL and writes it to "
-    "DIR/url; one line per request on standard output.\n"
+    "DIR/url; one line per request on standard output. Keeps what it accepted in DIR as the "
+    "collector does: information_collector export|stats --data-dir DIR reads it too.\n"
     "\n"
     "Data folder DIR:\n"
     "  ca.pem, cert.pem, key.pem    the local authority, the server's certificate (127.0.0.1,\n"
     "                               localhost) and its key (0600); made on first start\n"
-    "  received/N-KIND.json         accepted records, N counting in arrival order (on from the\n"
-    "                               last run's)\n"
-    "  uploads/N-ID-NAME            accepted files, numbered with the records; ID the dfs_id\n"
-    "  incoming/                    bodies still arriving (cleared at start)\n"
+    "  records.sqlite3              accepted records (SQLite)\n"
+    "  files/uploads/XX/SHA256      accepted files, by content\n"
+    "  incoming/                    files still arriving (cleared at start)\n"
     "  files/PATH                   served as GET /files/PATH (installers)\n"
     "  software/NAME/interface.json served as GET /software/NAME/interface.json\n"
     "  url                          the URL it listens on\n"
@@ -47,18 +48,20 @@ const char* const kDescription =
     "\n"
     "Exit status: 0 stopped by SIGINT or SIGTERM, 1 cannot serve, 2 bad usage.";
 
-// Accepted records and files in arrival order: by the number they were stored under.
+// Accepted records in arrival order.
 int list(const fs::path& data_dir)
 {
-    std::vector<std::pair<int, fs::path>> stored;
-    for (const char* folder : {"received", "uploads"}) {
-        std::error_code ec;
-        for (const auto& entry : fs::directory_iterator(data_dir / folder, ec))
-            stored.emplace_back(std::atoi(entry.path().filename().c_str()), fs::path(folder) / entry.path().filename());
+    try {
+        const auto store = collector::open_store("sqlite:" + (data_dir / "records.sqlite3").string());
+        store->list({}, 0, 0, [](const collector::stored_record& r) {
+            std::printf("%lld %s %s (%zu bytes)\n", static_cast<long long>(r.id), r.received_at.c_str(), r.kind.c_str(),
+                        r.body.size());
+            return true;
+        });
+    } catch (const collector::store_error& e) {
+        std::fprintf(stderr, "information_devserver: %s\n", e.what());
+        return 1;
     }
-    std::sort(stored.begin(), stored.end());
-    for (const auto& file : stored)
-        std::printf("%s (%ju bytes)\n", file.second.c_str(), std::uintmax_t(fs::file_size(data_dir / file.second)));
     return 0;
 }
 
@@ -124,7 +127,7 @@ int main(int argc, char** argv)
     options.port = int(port);
     options.tls = !parser.isSet(http_option);
     options.max_body_size = max_body_mb << 20;
-    options.store_received = true;  // bodies go to disk as they arrive
+    options.store_received = true;  // into the collector's store
     options.keep_limit = 4096;       // a long-running server keeps only a glimpse of each in memory,
     options.keep_requests = false;   // and no request once it has been answered and logged
     options.on_answer = log_answer;

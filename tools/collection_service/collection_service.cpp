@@ -16,9 +16,6 @@ namespace fs = std::filesystem;
 
 namespace collection {
 
-const char* const kTestAppId = "3c9d0a7e51b24f68e0a7c2d9b4f6e183";
-const char* const kReleaseAppId = "a0f4c9e27d5b3816c4e9a7d2f05b68c1";
-
 std::string received_request::header(const std::string& name) const
 {
     for (const auto& h : headers)

@@ -4,6 +4,8 @@
 // switches. It is never part of information_collector's own path.
 #pragma once
 
+#include "tools/collector/app_ids.h"
+
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -122,7 +124,7 @@ private:
 };
 
 // The application ids the real service accepts in X-Auth-AppID.
-extern const char* const kTestAppId;
-extern const char* const kReleaseAppId;
+using collector::kReleaseAppId;
+using collector::kTestAppId;
 
 }  // namespace collection

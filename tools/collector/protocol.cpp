@@ -24,6 +24,8 @@ bool ends_with(const std::string& text, const std::string& tail)
     return text.size() >= tail.size() && text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
 }
 
+}  // namespace
+
 std::string json_text(const std::string& text)
 {
     std::string out = "\"";
@@ -39,6 +41,8 @@ std::string json_text(const std::string& text)
     }
     return out + "\"";
 }
+
+namespace {
 
 // A parameter of a header value: `filename` of `form-data; name="file"; filename="a.zip"`.
 std::string header_parameter(const std::string& value, const std::string& key)

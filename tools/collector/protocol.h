@@ -52,6 +52,7 @@ struct answer {
     std::string body;
 };
 std::string failure_body(const std::string& why);  // {"status":"failed","result":"why"}
+std::string json_text(const std::string& text);    // a JSON string holding `text`
 
 class protocol {
 public:

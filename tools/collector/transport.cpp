@@ -85,7 +85,6 @@ struct http_server::impl {
 
     struct live {
         int fd = -1;
-        std::atomic<bool> handling{false};  // past the head: the request is in flight
     };
     std::mutex mutex;
     std::condition_variable changed;
@@ -145,21 +144,23 @@ public:
         request_.path = request_.target.substr(0, request_.target.find('?'));
         for (const auto& field : head)
             request_.headers.emplace_back(std::string(field.name_string()), std::string(field.value()));
-        state_.handling = true;
         server_.on_request(*this);
         if (!answered_ && !aborted_)
             send(500, "application/json", R"({"status":"failed","result":"no answer"})", {});
         if (aborted_)
             return;
-        // Tell the client the answer is complete, and read what it still sends until it closes:
-        // closing with unread bytes resets the connection, and it could lose an answer given early.
+        // Read what the client still sends until it stops (a second at most), then close: closing
+        // with unread bytes resets the connection, and the client could lose an answer given early.
         lowest.expires_at(std::min(deadline, steady::now() + std::chrono::seconds(1)));
+        char ignored[16 * 1024];
         if constexpr (!std::is_same_v<Stream, beast::tcp_stream>) {
+            if (!parser_.is_done())
+                while (!run(context_, [&](auto h) { stream_.async_read_some(net::buffer(ignored), h); })) {
+                }
             run(context_, [&](auto h) { stream_.async_shutdown(h); });
         } else {
             beast::error_code ec;
             lowest.socket().shutdown(tcp::socket::shutdown_send, ec);
-            char ignored[16 * 1024];
             while (!run(context_, [&](auto h) { lowest.async_read_some(net::buffer(ignored), h); })) {
             }
         }
@@ -355,9 +356,9 @@ void http_server::stop(bool abort_all)
     beast::error_code ec;
     d.acceptor.close(ec);  // when the loop had ended before the close it was sent ran
     std::unique_lock<std::mutex> lock(d.mutex);
-    // Connections still in their handshake or head hold no request yet: they end now.
-    for (impl::live* l : d.sessions)
-        if (abort_all || !l->handling)
+    // Otherwise every connection taken up is served to its end, which the request deadline bounds.
+    if (abort_all)
+        for (impl::live* l : d.sessions)
             ::shutdown(l->fd, SHUT_RDWR);
     d.changed.wait(lock, [&] { return d.active == 0; });
 }

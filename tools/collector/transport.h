@@ -89,8 +89,9 @@ public:
 
     bool start(std::string& error);  // binds, listens and accepts on a thread of its own
     int port() const;
-    // Stops accepting. Requests being answered finish; with `abort_all` every connection is cut
-    // at once instead (a handler still runs to its end, its writes fail). Idempotent.
+    // Stops accepting. Every connection taken up is served to its end (within the request
+    // deadline); with `abort_all` every connection is cut at once instead (a handler still runs
+    // to its end, its writes fail). Idempotent.
     void stop(bool abort_all);
 
     struct impl;  // the connections reach it
