@@ -26,8 +26,11 @@ bool dimension_named(const std::string& name, dimension& out)
 // Updating shared counter rows from every write would double a write's cost and, with several
 // collectors on one database, make their transactions wait for (and deadlock with) each other.
 // So a write only appends one row per record to daily_counts_pending (-1 for a removed record),
-// and a reader folds those into daily_counts before it reads.
+// and a reader folds those into daily_counts before it reads. A migration first drops what a
+// database whose records were dropped by hand may have left of an earlier roll-up.
 const char* const kSqliteDailyCounts = R"(
+DROP TABLE IF EXISTS daily_counts;
+DROP TABLE IF EXISTS daily_counts_pending;
 CREATE TABLE daily_counts (
   day TEXT NOT NULL, dimension TEXT NOT NULL, value TEXT NOT NULL, n INTEGER NOT NULL,
   PRIMARY KEY (day, dimension, value)) WITHOUT ROWID;
@@ -51,6 +54,8 @@ END;
 )";
 
 const char* const kPostgresDailyCounts = R"(
+DROP TABLE IF EXISTS daily_counts, daily_counts_pending;
+DROP FUNCTION IF EXISTS records_count_changes() CASCADE;
 CREATE TABLE daily_counts (
   day date NOT NULL, dimension text NOT NULL, value text NOT NULL, n bigint NOT NULL,
   PRIMARY KEY (day, dimension, value));
