@@ -1,7 +1,8 @@
 #!/usr/bin/python3
 """The dashboard in headless Chromium, against information_collector with records uploaded through
 the library: the page's numbers against the database's, filters, export, hostile records, and
-the token off loopback. Screenshots go to the build folder."""
+the token off loopback. Screenshots go to the build folder. Arguments: the collector, the record
+writer, the uploader, the build folder, and a PostgreSQL URL (default: SQLite in the data folder)."""
 import json, os, sqlite3, ssl, subprocess, sys, tempfile, time, urllib.error, urllib.request
 from selenium import webdriver
 from selenium.webdriver.chrome.service import Service
@@ -10,6 +11,7 @@ from selenium.webdriver.support.ui import WebDriverWait
 
 COLLECTOR, WRITER, UPLOADER, OUT = sys.argv[1:5]
 DATA = tempfile.mkdtemp(prefix='dashboard-')
+DATABASE = ['--database', sys.argv[5]] if len(sys.argv) > 5 else []
 INSECURE = ssl._create_unverified_context()
 
 
@@ -25,7 +27,7 @@ def serve(address):
     url_file = os.path.join(DATA, 'dashboard_url')
     if os.path.exists(url_file):
         os.remove(url_file)
-    process = subprocess.Popen([COLLECTOR, 'serve', '--data-dir', DATA, '--dashboard', address],
+    process = subprocess.Popen([COLLECTOR, 'serve', '--data-dir', DATA, '--dashboard', address] + DATABASE,
                                stdout=subprocess.PIPE, text=True)
     wait_for(lambda: os.path.exists(url_file) or process.poll() is not None, 'dashboard URL')
     url = open(url_file).read().strip()
@@ -89,8 +91,12 @@ def main():
     driver = browser()
     try:
         upload_records(open(os.path.join(DATA, 'url')).read().strip())
-        db = sqlite3.connect(os.path.join(DATA, 'records.sqlite3'))
-        kinds = dict(db.execute('SELECT kind, count(*) FROM records GROUP BY kind'))
+        query = 'SELECT kind, count(*) FROM records GROUP BY kind'
+        if DATABASE:
+            lines = subprocess.run(['psql', '-AtF,', '-c', query], check=True, capture_output=True, text=True).stdout
+            kinds = {kind: int(n) for kind, n in (line.split(',') for line in lines.split())}
+        else:
+            kinds = dict(sqlite3.connect(os.path.join(DATA, 'records.sqlite3')).execute(query))
         assert kinds == {'usage': 1, 'calibration': 2, 'scan': 2, 'feedback': 2}, kinds
 
         # The overview's figures are the database's, each written out as text.
@@ -118,7 +124,7 @@ def main():
         link = driver.find_element(By.ID, 'export-jsonl').get_attribute('href')
         exported = driver.execute_async_script(
             'fetch(arguments[0]).then((r) => r.text()).then(arguments[1])', link)
-        command_line = subprocess.run([COLLECTOR, 'export', '--data-dir', DATA, '--format', 'jsonl', '--kind', 'calibration'],
+        command_line = subprocess.run([COLLECTOR, 'export', '--data-dir', DATA, '--format', 'jsonl', '--kind', 'calibration'] + DATABASE,
                                       check=True, capture_output=True, text=True).stdout
         assert exported == command_line and exported.count('\n') == kinds['calibration'], exported[:300]
 
