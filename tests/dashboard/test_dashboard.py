@@ -12,6 +12,7 @@ from selenium.webdriver.support.ui import WebDriverWait
 COLLECTOR, WRITER, UPLOADER, OUT = sys.argv[1:5]
 DATA = tempfile.mkdtemp(prefix='dashboard-')
 DATABASE = ['--database', sys.argv[5]] if len(sys.argv) > 5 else []
+ATTACHMENT = '<script>document.title="pwned"</script>'
 INSECURE = ssl._create_unverified_context()
 
 
@@ -44,12 +45,22 @@ def fetch(url, headers={}):
         return refused.code, refused.read().decode(), refused.headers
 
 
-def upload_records(ingest_url):
+def upload_attachment(ingest_url):
+    """A feedback attachment as the library sends it; its dfs_id."""
+    body = ('--b\r\nContent-Disposition: form-data; name="file"; filename="log.html"\r\n\r\n'
+            + ATTACHMENT + '\r\n--b--\r\n').encode()
+    request = urllib.request.Request(ingest_url + '/up', body, {
+        'Content-Type': 'multipart/form-data; boundary=b', 'X-Auth-AppID': '3c9d0a7e51b24f68e0a7c2d9b4f6e183'})
+    with urllib.request.urlopen(request, context=INSECURE) as answer:
+        return json.load(answer)['result']['dfs_id']
+
+
+def upload_records(ingest_url, attachment):
     work = tempfile.mkdtemp(prefix='records-')
     os.makedirs(os.path.join(work, 'res'))
     open(os.path.join(work, 'res', 'system.ini'), 'w').write('[General]\nenable=1\nuploadintval=0\n')
     open(os.path.join(work, 'url_config.ini'), 'w').write('[General]\nupload_url=%s/dtta\n' % ingest_url)
-    for command in [WRITER, work], [UPLOADER, '--dir', work, '--ca-file', os.path.join(DATA, 'ca.pem')]:
+    for command in [WRITER, work, attachment], [UPLOADER, '--dir', work, '--ca-file', os.path.join(DATA, 'ca.pem')]:
         run = subprocess.run(command, capture_output=True, text=True)
         assert run.returncode == 0, run.stdout[-3000:] + run.stderr[-3000:]
 
@@ -90,7 +101,9 @@ def main():
     collector, url = serve('127.0.0.1:0')
     driver = browser()
     try:
-        upload_records(open(os.path.join(DATA, 'url')).read().strip())
+        ingest_url = open(os.path.join(DATA, 'url')).read().strip()
+        attachment = upload_attachment(ingest_url)
+        upload_records(ingest_url, attachment)
         query = 'SELECT kind, count(*) FROM records GROUP BY kind'
         if DATABASE:
             lines = subprocess.run(['psql', '-AtF,', '-c', query], check=True, capture_output=True, text=True).stdout
@@ -128,9 +141,12 @@ def main():
                                       check=True, capture_output=True, text=True).stdout
         assert exported == command_line and exported.count('\n') == kinds['calibration'], exported[:300]
 
-        # A feedback record links its attachment.
+        # A feedback record links its attachment, which comes as a download, never as a page.
         open_page(driver, url + 'records?kind=feedback')
-        assert driver.find_elements(By.CSS_SELECTOR, 'a[href="/api/v1/attachments/attachment-1"]')
+        link = driver.find_element(By.CSS_SELECTOR, 'a[href^="/api/v1/attachments/"]').get_attribute('href')
+        status, body, headers = fetch(link)
+        assert link.endswith(attachment) and (status, body) == (200, ATTACHMENT), (link, status)
+        assert headers['Content-Disposition'].startswith('attachment') and headers['Content-Type'] == 'application/octet-stream'
         status, body, headers = fetch(url + 'api/v1/records?limit=3&offset=5', {'Authorization': 'Bearer wrong'})
         assert status == 200 and [r['id'] for r in json.loads(body)['records']] == [6, 7]  # loopback: no token
         assert "script-src 'self';" in headers['Content-Security-Policy'] and 'unsafe' not in headers['Content-Security-Policy']
