@@ -2,6 +2,8 @@
 // bodies are bounded and answered honestly, its key stays private, slow clients starve nobody.
 #include "test_support.h"
 
+#include <tools/collector/store.h>
+
 #include <QSslSocket>
 
 #include <sys/socket.h>
@@ -41,24 +43,24 @@ void tst_collection_service::request_data()
     QTest::addColumn<bool>("tls");
     QTest::addColumn<QByteArray>("slow");  // what each of 200 slow clients sends first, then a byte each half second
     QTest::addColumn<QByteArray>("request");
-    // Status, the status the service logged, the files under the data folder
-    // (which holds an earlier run's record 7 and a half-written body).
+    // Status, the status the service logged, the files under the data folder but its store (it held
+    // a half-written upload), the kinds of the records it kept.
     QTest::addColumn<QString>("expected");
     const QByteArray big = '{' + QByteArray(4 << 20, ' ') + '}';  // still on its way when refused
     QTest::newRow("type climbing out, over https, slow clients in the handshake")  // a TLS record of 512 bytes
         << true << QByteArray("\x16\x03\x01\x02\x00", 5) << post("/dtta?type=../../../../a/b\\c", "{}")
-        << "200 200 ca.pem cert.pem key.pem received/7-old.json received/8-abc.json";
+        << "200 200 ca.pem cert.pem key.pem kept ../../../../a/b\\c";
     QTest::newRow("a served file, slow clients in the head") << false << QByteArray("POST /dtta HTTP/1.1\r\nX-")
-        << QByteArray("GET /files/setup.bin HTTP/1.1\r\n\r\n") << "200 200 received/7-old.json";
+        << QByteArray("GET /files/setup.bin HTTP/1.1\r\n\r\n") << "200 200 kept";
     QTest::newRow("file name with folders") << false << QByteArray()
         << post("/up", "--b\r\nContent-Disposition: form-data; name=\"file\"; filename=\"..\\..\\scan 1.zip\"\r\n\r\n"
                        "PK\r\n--b--\r\n", "Content-Type: multipart/form-data; boundary=b\r\n")
-        << "200 200 received/7-old.json uploads/8-<id>-scan1.zip";
+        << "200 200 files/uploads/<sha256> kept";
     QTest::newRow("body over the limit") << false << QByteArray()
         << "POST /dtta?type=big HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n400002\r\n" + big + "\r\n0\r\n\r\n"
-        << "413 413 received/7-old.json";
+        << "413 413 kept";
     QTest::newRow("body shorter than announced") << false << QByteArray()
-        << QByteArray("POST /dtta HTTP/1.1\r\nContent-Length: 9\r\n\r\n{}") << "400 400 received/7-old.json";
+        << QByteArray("POST /dtta HTTP/1.1\r\nContent-Length: 9\r\n\r\n{}") << "400 400 kept";
 }
 
 void tst_collection_service::request()
@@ -69,7 +71,7 @@ void tst_collection_service::request()
     QFETCH(QString, expected);
     QTemporaryDir dir;  // the data folder is a level below, so that a file climbing out shows too
     const QString data = dir.path() + "/data";
-    for (const char* earlier : {"/received/7-old.json", "/incoming/half-written", "/files/setup.bin"})
+    for (const char* earlier : {"/incoming/half-written", "/files/setup.bin"})
         write_file(data + earlier, "{}");
     collection::service_options options;
     options.tls = tls;
@@ -96,9 +98,13 @@ void tst_collection_service::request()
     const QByteArray answer = exchange(service->port(), tls, request);
     QStringList outcome{answer.mid(9, 3), QString::number(logged)}, files;
     for (QDirIterator it(dir.path(), QDir::Files, QDirIterator::Subdirectories); it.hasNext();)
-        if (const QString path = it.next(); !path.contains("/files/"))
-            files << QDir(data).relativeFilePath(path).replace(QRegularExpression("-\\w{24}-"), "-<id>-");
+        if (const QString path = it.next(); !path.contains("/records.sqlite3") && !path.endsWith("/setup.bin"))
+            files << QDir(data).relativeFilePath(path).replace(QRegularExpression("\\w\\w/\\w{64}$"), "<sha256>");
     files.sort();
+    files << "kept";
+    collector::open_store("sqlite:" + data.toStdString() + "/records.sqlite3")->list({}, 0, 0, [&](const auto& r) {
+        return files << QString::fromStdString(r.kind), true;
+    });
     QCOMPARE((outcome + files).join(' '), expected);
     if (tls)  // the key it made for itself is its owner's only
         QCOMPARE(QFile::permissions(data + "/key.pem"),

@@ -8,7 +8,8 @@ packages=(
   build-essential cmake ninja-build pkg-config
   qtbase5-dev libqt5network5 libqt5concurrent5
   libboost-dev libgoogle-glog-dev libgflags-dev
-  libcpp-httplib-dev libssl-dev openssl
+  libssl-dev openssl libsqlite3-dev libpq-dev
+  postgresql-15 postgresql-common
   libbenchmark-dev libcurl4-openssl-dev curl
   clang libclang-rt-14-dev
   doxygen help2man

@@ -10,13 +10,14 @@ bash tools/bootstrap.sh
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build build --target example_host information_uploader information_collector
 bin=$PWD/build/tools
+collector=$PWD/build/tools/collector/information_collector
 examples=$PWD/build/examples
 demo=$PWD/build/demo
 rm -rf "$demo" && mkdir -p "$demo/res"
 
 data=$demo/collector-data
 echo "== starting information_collector (SQLite in $data) =="
-"$bin/information_collector" serve --data-dir "$data" >"$demo/collector.log" 2>&1 &
+"$collector" serve --data-dir "$data" >"$demo/collector.log" 2>&1 &
 server=$!
 trap 'kill "$server" 2>/dev/null; wait "$server" 2>/dev/null || true' EXIT
 for _ in $(seq 100); do
@@ -54,4 +55,4 @@ echo "== left in $demo/veltrainfo (score records are never uploaded) =="
 ls "$demo/veltrainfo"
 echo
 echo "== what the collector kept (information_collector stats) =="
-"$bin/information_collector" stats --data-dir "$data"
+"$collector" stats --data-dir "$data"

@@ -36,7 +36,8 @@ check_package libinformation-api-dev libinformation-api1 lib/libinformation_api.
   include/information_api/information_api_version.h lib/pkgconfig/information_api.pc \
   lib/cmake/information_api/information_apiConfig.cmake
 check_package information-api-tools libinformation-api1 bin/information_uploader bin/information_devserver \
-  share/man/man1/information_uploader.1 share/man/man1/information_devserver.1
+  bin/information_collector share/man/man1/information_uploader.1 share/man/man1/information_devserver.1 \
+  share/man/man1/information_collector.1
 echo "== tests under AddressSanitizer + UndefinedBehaviorSanitizer =="
 CTEST_ARGS=(-LE package)  # the package test builds a host without the sanitizer runtime
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \

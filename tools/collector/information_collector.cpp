@@ -52,15 +52,18 @@ const char* const kDescription =
     "DATE is YYYY-MM-DD (--until includes that day) or YYYY-MM-DDThh:mm:ssZ.\n"
     "\n"
     "Data folder DIR:\n"
-    "  records.sqlite3         the records (SQLite engine)\n"
-    "  files/uploads/XX/SHA256 uploaded files by content; files/PATH served as GET /files/PATH\n"
+    "  records.sqlite3                the records (SQLite engine)\n"
+    "  files/uploads/XX/SHA256        uploaded files, by content (never served)\n"
+    "  files/PATH                     served as GET /files/PATH (installers)\n"
     "  software/NAME/interface.json   served as GET /software/NAME/interface.json\n"
-    "  incoming/               uploads still arriving (cleared at start)\n"
-    "  ca.pem, cert.pem, key.pem   the local authority and its certificate for 127.0.0.1\n"
-    "  url                     the URL it listens on\n"
+    "  incoming/                      uploads still arriving (cleared at start)\n"
+    "  ca.pem, cert.pem, key.pem      the local authority, the certificate for 127.0.0.1, its key\n"
+    "  url                            the URL it listens on\n"
     "\n"
-    "Exit status: 0 done (serve: stopped by SIGTERM or SIGINT after the requests in flight were\n"
-    "answered), 1 failure (a message says which), 2 bad usage.";
+    "Exit status:\n"
+    "  0   done; serve: stopped by SIGTERM or SIGINT once the requests in flight were answered\n"
+    "  1   failure, with a message saying which\n"
+    "  2   bad usage\n";
 
 [[noreturn]] void usage_error(const std::string& message)
 {

@@ -1,5 +1,7 @@
 #include "protocol.h"
 
+#include "store_engine.h"
+
 #include <openssl/evp.h>
 
 #include <fcntl.h>
@@ -150,6 +152,8 @@ public:
                 if (store_)
                     store_->add(record);
                 a.body = R"({"status":"success","result":"stored"})";
+            } catch (const record_rejected& e) {  // its content, not the database: sending it again won't help
+                a.body = failure_body("record refused by the database: " + std::string(e.what()));
             } catch (const store_error& e) {
                 a.status = 503;
                 a.body = failure_body("cannot store the record now: " + std::string(e.what()));

@@ -80,13 +80,15 @@ void batched_store::stop_committer()
 
 void batched_store::submit(item what)
 {
-    waiter w{what, false, {}};
+    waiter w{what, false, false, {}};
     std::unique_lock<std::mutex> lock(mutex_);
     if (stopping_)
         throw store_error("the store is closing");
     queue_.push_back(&w);
     queued_.notify_one();
     committed_.wait(lock, [&] { return w.done; });
+    if (w.rejected)
+        throw record_rejected(w.error);
     if (!w.error.empty())
         throw store_error(w.error);
 }
@@ -117,6 +119,7 @@ void batched_store::commit_loop()
                     write_all({w});
                 } catch (const store_error& e) {
                     w->error = e.what();
+                    w->rejected = dynamic_cast<const record_rejected*>(&e) != nullptr;
                 }
             }
         } catch (const store_error& e) {

@@ -41,6 +41,7 @@ private:
     struct waiter {
         item what;
         bool done = false;
+        bool rejected = false;
         std::string error;
     };
     void submit(item what);

@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
+#include <deque>
 #include <limits>
 #include <mutex>
 #include <optional>
@@ -93,6 +94,11 @@ struct http_server::impl {
     bool stopping = false;
 
     void accept_loop();
+    void work();  // a worker thread: serves the connections handed to it, one at a time
+    std::deque<std::unique_ptr<live>> waiting;  // accepted, not yet taken up by a worker
+    std::vector<std::thread> workers;
+    std::size_t idle = 0;
+    tcp protocol = tcp::v4();
     void serve(tcp::socket socket, net::io_context& context, live& state);
     void leave(live* l)
     {
@@ -196,22 +202,15 @@ public:
     bool send(int status, const std::string& content_type, const std::string& body,
               const header_list& headers) override
     {
-        return send_head(status, content_type, body.size(), headers) && send_piece(body.data(), body.size());
+        std::string whole = head(status, content_type, body.size(), headers) + body;  // one write, one TLS record
+        return write(whole.data(), whole.size());
     }
 
     bool send_head(int status, const std::string& content_type, std::uint64_t length,
                    const header_list& headers) override
     {
-        answered_ = true;
-        status_ = status;
-        std::string head = "HTTP/1.1 " + std::to_string(status) + " " +
-                           std::string(http::obsolete_reason(http::status(status))) + "\r\n";
-        for (const auto& h : headers)
-            head += h.first + ": " + h.second + "\r\n";
-        if (!content_type.empty())
-            head += "Content-Type: " + content_type + "\r\n";
-        head += "Content-Length: " + std::to_string(length) + "\r\nConnection: close\r\n\r\n";
-        return write(head.data(), head.size());
+        const std::string text = head(status, content_type, length, headers);
+        return write(text.data(), text.size());
     }
 
     bool send_piece(const char* data, std::size_t size) override { return size == 0 || write(data, size); }
@@ -228,6 +227,19 @@ public:
     int status() const override { return status_; }
 
 private:
+    std::string head(int status, const std::string& content_type, std::uint64_t length, const header_list& headers)
+    {
+        answered_ = true;
+        status_ = status;
+        std::string text = "HTTP/1.1 " + std::to_string(status) + " " +
+                           std::string(http::obsolete_reason(http::status(status))) + "\r\n";
+        for (const auto& h : headers)
+            text += h.first + ": " + h.second + "\r\n";
+        if (!content_type.empty())
+            text += "Content-Type: " + content_type + "\r\n";
+        return text + "Content-Length: " + std::to_string(length) + "\r\nConnection: close\r\n\r\n";
+    }
+
     bool write(const char* data, std::size_t size)
     {
         if (failed_)
@@ -275,31 +287,53 @@ void http_server::impl::accept_loop()
             if (stopping)
                 return;
         }
-        auto context = std::make_shared<net::io_context>(1);
         std::optional<tcp::socket> accepted;
         accept_context.restart();
-        acceptor.async_accept(*context, [&](beast::error_code ec, tcp::socket s) {
+        acceptor.async_accept([&](beast::error_code ec, tcp::socket s) {
             if (!ec)
                 accepted.emplace(std::move(s));
         });
         accept_context.run();
+        std::lock_guard<std::mutex> lock(mutex);
         if (!accepted) {
-            std::lock_guard<std::mutex> lock(mutex);
             if (stopping)
                 return;
             continue;  // e.g. too many open files: the next connection may fare better
         }
-        auto state = std::make_shared<live>();
-        state->fd = accepted->native_handle();
-        std::lock_guard<std::mutex> lock(mutex);
-        ++active;
+        beast::error_code ignored;
+        accepted->set_option(tcp::no_delay(true), ignored);  // a streamed answer's pieces leave at once
+        auto state = std::make_unique<live>();
+        state->fd = accepted->release(ignored);  // to a worker's own context
         sessions.insert(state.get());  // known to stop() from here on
-        std::thread([this, context, state, socket = std::move(*accepted)]() mutable {
-            serve(std::move(socket), *context, *state);
-            std::lock_guard<std::mutex> done(mutex);
-            --active;
-            changed.notify_all();
-        }).detach();
+        waiting.push_back(std::move(state));
+        ++active;
+        if (idle < waiting.size())  // a thread per connection at once, kept for the next ones
+            workers.emplace_back([this] { work(); });
+        changed.notify_all();
+    }
+}
+
+void http_server::impl::work()
+{
+    net::io_context context(1);
+    std::unique_lock<std::mutex> lock(mutex);
+    for (;;) {
+        ++idle;
+        changed.wait(lock, [&] { return !waiting.empty() || (stopping && active == 0); });
+        --idle;
+        if (waiting.empty())
+            return;
+        std::unique_ptr<live> state = std::move(waiting.front());
+        waiting.pop_front();
+        lock.unlock();
+        tcp::socket socket(context);
+        beast::error_code ec;
+        socket.assign(protocol, state->fd, ec);
+        serve(std::move(socket), context, *state);
+        context.restart();
+        lock.lock();
+        --active;
+        changed.notify_all();
     }
 }
 
@@ -321,6 +355,7 @@ bool http_server::start(std::string& error)
         return false;
     }
     const tcp::endpoint endpoint(address, static_cast<unsigned short>(d.options.port));
+    d.protocol = endpoint.protocol();
     d.acceptor.open(endpoint.protocol(), ec);
     if (!ec)
         d.acceptor.set_option(net::socket_base::reuse_address(true), ec);
@@ -361,6 +396,11 @@ void http_server::stop(bool abort_all)
         for (impl::live* l : d.sessions)
             ::shutdown(l->fd, SHUT_RDWR);
     d.changed.wait(lock, [&] { return d.active == 0; });
+    d.changed.notify_all();  // the idle workers end
+    lock.unlock();
+    for (std::thread& t : d.workers)
+        if (t.joinable())
+            t.join();
 }
 
 }  // namespace collector
