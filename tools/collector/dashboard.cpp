@@ -191,6 +191,9 @@ void dashboard::handle(exchange& ex)
     } catch (const store_error& e) {
         if (ex.status() == 0)
             send(ex, {503, "application/json", json({{"error", qs(e.what())}}), {}});
+    } catch (const std::exception& e) {  // one request fails, never the listener
+        if (ex.status() == 0)
+            send(ex, {500, "application/json", json({{"error", qs(e.what())}}), {}});
     }
 }
 
