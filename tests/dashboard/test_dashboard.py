@@ -155,7 +155,8 @@ def main():
         collector.wait()
 
     # Off loopback every request needs the token: as a bearer header, or the sign-in's cookie.
-    address = subprocess.run(['hostname', '-I'], capture_output=True, text=True).stdout.split()[0]
+    addresses = subprocess.run(['hostname', '-I'], capture_output=True, text=True).stdout.split()
+    address = next(a for a in addresses if '.' in a and not a.startswith('127.'))  # an IPv4 one of this machine
     collector, url = serve(address + ':0')
     try:
         token = open(os.path.join(DATA, 'dashboard.token')).read().strip()
