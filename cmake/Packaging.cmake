@@ -19,5 +19,6 @@ set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libinformation-api1 (= ${PROJECT_VERSION}), qtbase5-dev (>= 5.15)")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME information-api-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
-set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libinformation-api1 (= ${PROJECT_VERSION})")
+# libjs-chart.js: the dashboard of information_collector serves its charting library from there.
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libinformation-api1 (= ${PROJECT_VERSION}), libjs-chart.js (>= 3.9)")
 include(CPack)

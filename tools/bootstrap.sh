@@ -14,6 +14,7 @@ packages=(
   clang libclang-rt-14-dev
   doxygen help2man
   hwdata  # pci.ids, which names the graphics adapters of the machine description
+  libjs-chart.js chromium chromium-driver python3-selenium
 )
 
 missing=()

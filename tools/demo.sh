@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # The main job, end to end on this machine: builds the library and its tools, starts
 # information_collector on SQLite, records one of every kind through the example host, uploads the
-# due records with information_uploader, stops the collector, shows what is left and ends with the
-# collector's stats. Installs what is missing first.
+# due records with information_uploader, prints the dashboard's URL and summary, stops the
+# collector, shows what is left and ends with the collector's stats. Installs what is missing first.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash tools/bootstrap.sh
@@ -21,12 +21,14 @@ echo "== starting information_collector (SQLite in $data) =="
 server=$!
 trap 'kill "$server" 2>/dev/null; wait "$server" 2>/dev/null || true' EXIT
 for _ in $(seq 100); do
-  [ -s "$data/url" ] && break
+  [ -s "$data/url" ] && [ -s "$data/dashboard_url" ] && break
   kill -0 "$server" || { cat "$demo/collector.log"; exit 1; }
   sleep 0.1
 done
 url=$(cat "$data/url")
 echo "listening on $url"
+dashboard=$(cat "$data/dashboard_url")
+echo "dashboard on $dashboard (open it in a browser while the demo runs; trust $data/ca.pem)"
 
 # Uploading on, records due as soon as they are written, the release URL pointing at the service.
 printf '[General]\nenable=1\nuploadintval=0\n' >"$demo/res/system.ini"
@@ -40,6 +42,11 @@ echo
 echo "== uploading the due records (information_uploader) =="
 "$bin/information_uploader" --dir "$demo" 2>"$demo/uploader.log" || {
   cat "$demo/uploader.log"; exit 1; }
+
+echo
+echo "== the dashboard's summary of the last 28 days (GET ${dashboard}api/v1/summary) =="
+curl -sS --cacert "$data/ca.pem" "${dashboard}api/v1/summary" |
+  python3 -c 'import json, sys; s = json.load(sys.stdin); print("total", s["total"], "by kind", s["kinds"])'
 
 kill -TERM "$server" && wait "$server"  # answers what is in flight, then exits 0
 trap - EXIT

@@ -2,6 +2,7 @@
 // answers "success" only once a record is durable. Sub-commands serve, export, delete, purge, stats.
 #include "app_ids.h"
 #include "certificates.h"
+#include "dashboard.h"
 #include "protocol.h"
 #include "store.h"
 #include "transport.h"
@@ -36,9 +37,11 @@ const char* const kDescription =
     "  GET /software/NAME/interface.json, GET /files/PATH   files from the data folder\n"
     "\n"
     "Commands (each takes --data-dir DIR or --database URL):\n"
-    "  serve [--listen ADDR:PORT] [--tls-cert PEM --tls-key PEM] [--app-id ID]... [--retention-days N]\n"
+    "  serve [--listen ADDR:PORT] [--dashboard ADDR:PORT] [--tls-cert PEM --tls-key PEM] [--app-id ID]... [--retention-days N]\n"
     "        prints \"listening on URL\" and writes the URL to DIR/url. Without --tls-cert it uses\n"
     "        its own local authority in DIR (ca.pem, cert.pem, key.pem) and prints the pin.\n"
+    "        The dashboard (pages and JSON API) listens on --dashboard (127.0.0.1 on any free port),\n"
+    "        with TLS like the records; it prints \"dashboard on URL\" and writes DIR/dashboard_url.\n"
     "  export [--kind K] [--since DATE] [--until DATE] [--format jsonl|csv]\n"
     "        one line per record; JSONL keys id, received_at, app_id, kind, sha256, record\n"
     "  delete --serial SN      removes every record of one device and prints how many\n"
@@ -187,6 +190,9 @@ int serve(const QCommandLineParser& parser, const std::string& data_dir, const s
         std::printf("trust %s/ca.pem; public-key pin %s\n", fs::absolute(data_dir).c_str(),
                     public_key_pin(tls.cert_file).c_str());
     std::fflush(stdout);
+    dashboard_listener dashboard(*store, data_dir, transport.tls);
+    if (!dashboard.start(parser.value("dashboard").toStdString(), error))
+        failure(error);
 
     // Retention: at start, then daily.
     std::mutex mutex;
@@ -216,6 +222,7 @@ int serve(const QCommandLineParser& parser, const std::string& data_dir, const s
     std::printf("stopping (%s): answering the requests in flight\n", signal_number == SIGTERM ? "SIGTERM" : "SIGINT");
     std::fflush(stdout);
     server.stop(false);
+    dashboard.stop();
     {
         std::lock_guard<std::mutex> lock(mutex);
         stopping = true;
@@ -244,6 +251,8 @@ int main(int argc, char** argv)
         {"data-dir", "Data folder (collector-data).", "dir", "collector-data"},
         {"database", "sqlite:PATH or postgresql://... (default: sqlite:DIR/records.sqlite3).", "url"},
         {"listen", "serve: address and port (127.0.0.1:0, a free port).", "addr:port", "127.0.0.1:0"},
+        {"dashboard", "serve: the dashboard's address and port (127.0.0.1:0); off loopback every request "
+                      "needs the token in DIR/dashboard.token.", "addr:port", "127.0.0.1:0"},
         {"tls-cert", "serve: the certificate chain (PEM) instead of the local authority's.", "pem"},
         {"tls-key", "serve: its private key (PEM).", "pem"},
         {"app-id", "serve: an accepted application id, repeatable (default: the library's two).", "id"},
@@ -268,7 +277,7 @@ int main(int argc, char** argv)
         usage_error("name one command: serve, export, delete, purge or stats (see --help)");
     const QString command = positional.first();
     const std::map<QString, QStringList> allowed = {
-        {"serve", {"listen", "tls-cert", "tls-key", "app-id", "retention-days", "max-body-mb", "max-connections"}},
+        {"serve", {"listen", "dashboard", "tls-cert", "tls-key", "app-id", "retention-days", "max-body-mb", "max-connections"}},
         {"export", {"kind", "since", "until", "format"}},
         {"delete", {"serial"}},
         {"purge", {"older-than-days"}},

@@ -1,6 +1,7 @@
 // The shared engine: PostgreSQL through libpq, several collectors on one database. Commits with
 // synchronous_commit on; a unique key on (app_id, kind, sha256) keeps a record once whichever
 // collector receives it, and a lost connection is opened again before the next write or read.
+#include "daily_counts.h"
 #include "store_engine.h"
 
 #include <libpq-fe.h>
@@ -38,6 +39,7 @@ const char* const kMigrations[] = {
          filename text NOT NULL,
          sha256 text NOT NULL,
          size bigint NOT NULL);)",
+    kPostgresDailyCounts,
 };
 
 const char* const kDay = "to_char(received_at AT TIME ZONE 'UTC', 'YYYY-MM-DD')";
@@ -247,6 +249,19 @@ public:
         reader_.ensure();
         const result r = reader_.run("SELECT version FROM schema_version");
         return PQntuples(r.get()) ? std::stoi(r.text(0, 0)) : 0;
+    }
+
+    std::vector<daily_count> daily_counts(const std::string& first_day, const std::string& last_day) override
+    {
+        std::lock_guard<std::mutex> lock(read_mutex_);
+        reader_.ensure();
+        return postgres_daily_counts(reader_.get(), first_day, last_day);
+    }
+    bool find_attachment(const std::string& dfs_id, new_attachment& out) override
+    {
+        std::lock_guard<std::mutex> lock(read_mutex_);
+        reader_.ensure();
+        return postgres_find_attachment(reader_.get(), dfs_id, out);
     }
 
 protected:

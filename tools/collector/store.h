@@ -56,6 +56,14 @@ struct record_filter {
 // What stats and summaries group by.
 enum class dimension { kind, version, model, os, lang, day };
 
+// Records of one UTC day with one value of one dimension (kind, version, model, os or lang).
+struct daily_count {
+    std::string day;  // YYYY-MM-DD
+    dimension by = dimension::kind;
+    std::string value;
+    std::int64_t count = 0;
+};
+
 struct count_row {
     std::vector<std::string> keys;  // one per dimension asked for, in that order ("day": YYYY-MM-DD)
     std::int64_t count = 0;
@@ -83,10 +91,16 @@ public:
     virtual std::int64_t remove(const record_filter& filter) = 0;
 
     virtual int schema_version() = 0;
+
+    // The daily counts from `first_day` to `last_day` ("YYYY-MM-DD", both included), which the
+    // database keeps up to date as records come and go: the cost follows days and values, not records.
+    virtual std::vector<daily_count> daily_counts(const std::string& first_day, const std::string& last_day) = 0;
+    // The attachment uploaded as `dfs_id`; false when there is none.
+    virtual bool find_attachment(const std::string& dfs_id, new_attachment& out) = 0;
 };
 
 // The current schema version, written by every engine when it creates or migrates its schema.
-constexpr int kSchemaVersion = 1;
+constexpr int kSchemaVersion = 2;
 
 // Opens (creating and migrating the schema) "sqlite:PATH" or a libpq URI "postgresql://..." /
 // "postgres://...". Throws store_error with a readable reason.
