@@ -22,11 +22,16 @@ if(NOT headers STREQUAL expected)
 endif()
 
 # The examples once through find_package, once through pkg-config (which finds the .pc file through
-# CMAKE_PREFIX_PATH); example_host tells the version of the headers it was built with.
+# CMAKE_PREFIX_PATH); example_host tells the version of the headers it was built with. A pkg-config
+# consumer adds -fPIC itself, as Qt asks of code built against its -reduce-relocations build.
 foreach(pkg_config OFF ON)
   file(REMOVE_RECURSE ${EXAMPLES_BUILD})
+  set(flags "")
+  if(pkg_config)
+    set(flags -DCMAKE_CXX_FLAGS=-fPIC)
+  endif()
   run(${CMAKE_COMMAND} -S ${EXAMPLES} -B ${EXAMPLES_BUILD} -G ${GENERATOR} -DCMAKE_PREFIX_PATH=${PREFIX}
-      -DUSE_PKG_CONFIG=${pkg_config})
+      -DUSE_PKG_CONFIG=${pkg_config} ${flags})
   run(${CMAKE_COMMAND} --build ${EXAMPLES_BUILD})
   set(output "")
   run(${EXAMPLES_BUILD}/example_host --version)
