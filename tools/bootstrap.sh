@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Installs every Debian 12 package the project needs to build, test, benchmark, document and run
-# its tools.
+# Installs every Debian 12 package the project needs to build, test, benchmark, document, package
+# and run its tools.
 # Idempotent: when everything is present it prints nothing and touches nothing.
 set -euo pipefail
 
@@ -12,6 +12,7 @@ packages=(
   libbenchmark-dev libcurl4-openssl-dev curl
   clang libclang-rt-14-dev
   doxygen help2man
+  debhelper lintian
 )
 
 missing=()

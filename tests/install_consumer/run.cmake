@@ -1,4 +1,5 @@
-# Script behind the install_consumer test; see CMakeLists.txt beside it.
+# Script behind the install_consumer test (see CMakeLists.txt beside it) and the check of the
+# unpacked Debian packages in tools/test.sh.
 function(run)
   execute_process(COMMAND ${ARGN} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE out)
   if(NOT rc EQUAL 0)
@@ -7,8 +8,10 @@ function(run)
   set(output "${output}${out}" PARENT_SCOPE)
 endfunction()
 
-file(REMOVE_RECURSE ${PREFIX})
-run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${PREFIX})
+if(BUILD_DIR)  # without it, PREFIX holds the unpacked Debian packages
+  file(REMOVE_RECURSE ${PREFIX})
+  run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${PREFIX})
+endif()
 
 # Only the public headers may be installed.
 file(GLOB headers RELATIVE ${PREFIX}/include/information_api ${PREFIX}/include/information_api/*)
