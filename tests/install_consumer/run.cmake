@@ -27,14 +27,11 @@ endif()
 # The examples once through find_package, once through pkg-config (which finds the .pc file through
 # CMAKE_PREFIX_PATH); example_host tells the version of the headers it was built with. A pkg-config
 # consumer adds -fPIC itself, as Qt asks of code built against its -reduce-relocations build.
+set(flags_ON -DCMAKE_CXX_FLAGS=-fPIC)
 foreach(pkg_config OFF ON)
   file(REMOVE_RECURSE ${EXAMPLES_BUILD})
-  set(flags "")
-  if(pkg_config)
-    set(flags -DCMAKE_CXX_FLAGS=-fPIC)
-  endif()
   run(${CMAKE_COMMAND} -S ${EXAMPLES} -B ${EXAMPLES_BUILD} -G ${GENERATOR} -DCMAKE_PREFIX_PATH=${PREFIX}
-      -DUSE_PKG_CONFIG=${pkg_config} ${flags})
+      -DUSE_PKG_CONFIG=${pkg_config} ${flags_${pkg_config}})
   run(${CMAKE_COMMAND} --build ${EXAMPLES_BUILD})
   set(output "")
   run(${EXAMPLES_BUILD}/example_host --version)
