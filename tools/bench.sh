@@ -4,12 +4,7 @@
 # --benchmark_filter=builder.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-bash tools/bootstrap.sh
-# nginx answers a fixed body as the collector's ceiling (bench_collector); only the bench needs it.
-if ! command -v nginx >/dev/null; then
-  sudo=""; [ "$(id -u)" -eq 0 ] || sudo="sudo"
-  $sudo env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends nginx-light >/dev/null
-fi
+bash tools/bootstrap.sh bench  # nginx-light answers a fixed body as the collector's ceiling
 cmake -S . -B build-bench -G Ninja -DCMAKE_BUILD_TYPE=Release -DINFORMATION_API_BUILD_BENCH=ON \
   -DINFORMATION_API_BUILD_TESTS=OFF -DINFORMATION_API_BUILD_TOOLS=OFF >/dev/null
 cmake --build build-bench

@@ -5,7 +5,7 @@
 # for a bounded time. Installs what is missing first.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-bash tools/bootstrap.sh
+bash tools/bootstrap.sh tests
 
 run_suite() {  # build dir, extra cmake args...
   local dir=$1; shift
@@ -19,25 +19,43 @@ CTEST_ARGS=()
 run_suite build
 echo "== API reference (Doxygen: one warning fails it) =="
 cmake --build build --target docs
-echo "== Debian packages =="
-(cd build && rm -f ./*.deb && cpack -G DEB >/dev/null)
-check_package() {  # package name, the dependency it must declare, files it must hold below /usr
-  local deb; deb=$(ls build/"$1"_*.deb)
+echo "== Debian packages (debhelper; one lintian error fails it) =="
+version=$(sed -n 's/^project(information_api VERSION \([0-9.]*\) .*/\1/p' CMakeLists.txt)
+deb_version=$(dpkg-parsechangelog -l debian/changelog -S Version)
+[ "${deb_version%-*}" = "$version" ] || { echo "debian/changelog is at $deb_version, the project at $version"; exit 1; }
+# dpkg-buildpackage writes the packages beside the source tree: it builds a copy inside build/.
+rm -rf build/deb && mkdir -p build/deb/src
+tar --exclude-vcs --anchored --exclude='./build*' -cf - . | tar -xf - -C build/deb/src
+start=$SECONDS
+(cd build/deb/src && DEB_BUILD_OPTIONS=nocheck dpkg-buildpackage -b -us -uc >../build.log 2>&1) ||
+  { tail -n 60 build/deb/build.log; echo "the package build failed (build/deb/build.log)"; exit 1; }
+echo "packages built in $((SECONDS - start)) s"
+multiarch=$(dpkg-architecture -qDEB_HOST_MULTIARCH)
+check_package() {  # package name, a dependency it must declare, files and folders it must hold
+  local deb; deb=$(ls build/deb/"$1"_*.deb)
   dpkg-deb -f "$deb" Depends | grep -q "$2" || { echo "$deb does not depend on $2"; exit 1; }
   local files; files=$(dpkg-deb -c "$deb")
   for path in "${@:3}"; do
-    grep -qE " \./usr/$path( |$)" <<<"$files" || { echo "$deb lacks /usr/$path"; exit 1; }
+    grep -qE " \./$path(/| |$)" <<<"$files" || { echo "$deb lacks /$path"; exit 1; }
   done
   echo "$(basename "$deb"): $(grep -c '^-' <<<"$files") files, depends on $(dpkg-deb -f "$deb" Depends)"
 }
-check_package libinformation-api1 libqt5network5 lib/libinformation_api.so.1
-check_package libinformation-api-dev libinformation-api1 lib/libinformation_api.so \
-  include/information_api/information_api.h include/information_api/transport_security.h \
-  include/information_api/information_api_version.h lib/pkgconfig/information_api.pc \
-  lib/cmake/information_api/information_apiConfig.cmake
-check_package information-api-tools libinformation-api1 bin/information_uploader bin/information_devserver \
-  bin/information_collector share/man/man1/information_uploader.1 share/man/man1/information_devserver.1 \
-  share/man/man1/information_collector.1
+check_package libinformation-api1 libqt5network5 "usr/lib/$multiarch/libinformation_api.so.1"
+check_package libinformation-api-dev libinformation-api1 "usr/lib/$multiarch/libinformation_api.so" \
+  usr/include/information_api/information_api.h usr/include/information_api/transport_security.h \
+  usr/include/information_api/information_api_version.h "usr/lib/$multiarch/pkgconfig/information_api.pc" \
+  "usr/lib/$multiarch/cmake/information_api/information_apiConfig.cmake"
+check_package information-api-tools libinformation-api1 usr/bin/information_uploader usr/bin/information_devserver \
+  usr/share/man/man1/information_uploader.1.gz usr/share/man/man1/information_devserver.1.gz
+check_package information-collector libjs-chart.js usr/bin/information_collector \
+  usr/share/man/man1/information_collector.1.gz lib/systemd/system/information-collector.service \
+  etc/default/information-collector var/lib/information-collector
+# examples/ built against the unpacked library and development packages, as against the installed tree.
+for p in libinformation-api1 libinformation-api-dev; do dpkg-deb -x build/deb/${p}_*.deb build/deb/root; done
+cmake -DPREFIX="$PWD/build/deb/root/usr" -DEXAMPLES="$PWD/examples" -DEXAMPLES_BUILD="$PWD/build/deb/examples" \
+  -DGENERATOR=Ninja -DVERSION="$version" -P tests/install_consumer/run.cmake
+# Errors fail the build; warnings are printed (README: "Installing and packages" explains each).
+lintian --fail-on error build/deb/*.deb
 echo "== tests under AddressSanitizer + UndefinedBehaviorSanitizer =="
 CTEST_ARGS=(-LE package)  # the package test builds a host without the sanitizer runtime
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
