@@ -138,20 +138,21 @@ transport_policy current_policy()
     return policy;
 }
 
-// The reply property that says why the library ended a reply itself.
+// The reply properties that say why the library ended a reply itself, and as which error.
 const char* const kRefusal = "information_api_refusal";
+const char* const kRefusalCode = "information_api_refusal_code";
 
 // Configures TLS for a request to `url` under the current policy; false when the policy forbids
-// sending it at all (anything but https while verifying). `seed_rule_applies`: whether the
+// sending it at all (anything but https while verifying or pinning). `default_applies`: whether the
 // default configuration is given to this URL (some requests give it only to https URLs).
-bool secure_request(QNetworkRequest& request, const QString& url, bool seed_rule_applies)
+bool secure_request(QNetworkRequest& request, const QString& url, bool default_applies)
 {
     const transport_policy current = current_policy();
     QSslConfiguration config = request.sslConfiguration();
     if (!current.verify) {
         if (!current.pins.isEmpty() && !is_https_url(url))
             return false;  // a pin cannot be checked without TLS
-        if (!seed_rule_applies)
+        if (!default_applies)
             return true;
         config.setPeerVerifyMode(QSslSocket::VerifyNone);
         config.setProtocol(QSsl::TlsV1_2);
@@ -166,8 +167,6 @@ bool secure_request(QNetworkRequest& request, const QString& url, bool seed_rule
     request.setSslConfiguration(config);
     return true;
 }
-
-const char* const kRefusalCode = "information_api_refusal_code";
 
 void mark_refused(QNetworkReply* reply, QNetworkReply::NetworkError code, const QString& why)
 {
