@@ -1,4 +1,9 @@
 #include <information_api/windows_information_imp.h>
+#ifdef Q_OS_LINUX
+#include <information_api/linux_machine_info.h>
+#endif
+
+#include <information_api/record_file.h>
 
 #include <glog/logging.h>
 
@@ -13,7 +18,8 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
-#include <cstring>
+#include <map>
+#include <mutex>
 #include <vector>
 
 #include <sys/stat.h>
@@ -39,12 +45,12 @@ const char* const kReleaseAppId = "a0f4c9e27d5b3816c4e9a7d2f05b68c1";
 
 QString utc_now_stamp()
 {
-    return QDateTime::currentDateTimeUtc().toString(kUtcStampFormat);
+    return record_clock().toString(kUtcStampFormat);
 }
 
 QString utc_now_stem(const char* format)
 {
-    return QDateTime::currentDateTimeUtc().toString(format);
+    return record_clock().toString(format);
 }
 
 QString record_path(const QString& stem)
@@ -135,132 +141,49 @@ QString record_absolute_path(const record_entry& record)
     return QFileInfo(QDir("./veltrainfo/"), record.name).absoluteFilePath();
 }
 
-// Stores one record: "data" holds the indented JSON text as a byte array, "type" its kind.
-// QSettings writes through a temporary file and a rename, so a reader never sees half a record.
-// A record that cannot be written is not reported to the caller; the log says so.
-void write_record_file(const QString& path, const QJsonObject& record, const QString& type)
+// Stores a record of any kind. One that cannot be written is not reported to the caller; the log says so.
+QString store(const QString& path, const QJsonObject& record, const QString& type, written_file* own = nullptr,
+              const QString& own_path = QString())
 {
-    const QByteArray data = QJsonDocument(record).toJson();
-    QSettings file(path, QSettings::IniFormat);
-    file.setValue("data", data);
-    file.setValue("type", type);
-    file.sync();
-    if (file.status() != QSettings::NoError)
-        LOG(WARNING) << "record not written: " << path.toUtf8().constData() << " (QSettings status "
-                     << (file.status() == QSettings::AccessError ? "AccessError" : "FormatError") << ")";
+    QString failure;
+    const QString written = store_record(path, QJsonDocument(record).toJson(), type, failure, own, own_path);
+    if (written.isEmpty())
+        LOG(WARNING) << "record not written: " << (own && own->valid ? own_path : path).toUtf8().constData() << " ("
+                     << failure.toUtf8().constData() << ")";
+    return written;
 }
 
-// Record files are read with QSettings, which decodes a value beginning "@Variant(" or
-// "@DateTime(" with QDataStream. That trusts the counts it reads: 61 bytes can make it reserve
-// billions of entries, and a deeply nested list overflows the stack. The library writes neither,
-// so such a file is refused before QSettings sees it. The scan follows QSettings' INI reading
-// (lines, quotes, escapes, list items) far enough to see how each value begins once unescaped.
-constexpr qint64 kMaxRecordFileBytes = 16 << 20;
+// Each manager's usage record file, as it last wrote it: rewrites replace that file and no other.
+std::mutex usage_files_mutex;
+std::map<const windows_information_imp*, written_file> usage_files;
 
-// The items of one value (one unless it is a comma-separated list), unescaped.
-QStringList ini_value_items(const QByteArray& d, int i, int end)
+// Stores the run's usage record: the first write claims a free name, later ones replace that file.
+void store_usage_record(windows_information_imp& m)
 {
-    static const char escaped[] = "abfnrtv\"?'\\", unescaped[] = "\a\b\f\n\r\t\v\"?'\\";
-    QStringList items(QString{});
-    bool quoted = false;
-    const auto skip_blanks = [&] {
-        while (i < end && (d[i] == ' ' || d[i] == '\t'))
-            ++i;
-    };
-    const auto digit = [](char c) {
-        return c >= '0' && c <= '9' ? uint(c - '0') : c >= 'a' && c <= 'f' ? uint(c - 'a' + 10)
-             : c >= 'A' && c <= 'F' ? uint(c - 'A' + 10) : 99u;
-    };
-    const auto read_number = [&](uint base, uint value) {  // \x and octal escapes, any length
-        while (i < end && digit(d[i]) < base)
-            value = value * base + digit(d[i++]);
-        items.last() += QChar(ushort(value));
-    };
-    skip_blanks();
-    while (i < end) {
-        const char c = d[i++];
-        if (c == '\\') {
-            if (i == end)
-                break;
-            const char e = d[i++];
-            if (const char* n = e ? std::strchr(escaped, e) : nullptr)
-                items.last() += QLatin1Char(unescaped[n - escaped]);
-            else if (e == 'x' && i < end && digit(d[i]) < 16)
-                read_number(16, 0);
-            else if (e >= '0' && e <= '7')
-                read_number(8, uint(e - '0'));
-            else if ((e == '\n' || e == '\r') && i < end && (d[i] == '\n' || d[i] == '\r') && d[i] != e)
-                ++i;  // an escaped line end, "\r\n" and "\n\r" included
-        } else if (c == '"') {
-            quoted = !quoted;
-            if (!quoted)
-                skip_blanks();
-        } else if (c == ',' && !quoted) {
-            items << QString();
-            skip_blanks();
-        } else {
-            items.last() += QLatin1Char(c);
-        }
+    const QString base = record_path(m.usageStart.toString(kUsageStemFormat));
+    written_file own;
+    {
+        std::lock_guard<std::mutex> lock(usage_files_mutex);
+        own = usage_files[&m];
     }
-    return items;
-}
-
-bool holds_serialised_variant(const QByteArray& d)
-{
-    for (int i = 0; i < d.size();) {
-        while (i < d.size() && (d[i] == ' ' || d[i] == '\t' || d[i] == '\n' || d[i] == '\r'))
-            ++i;
-        // A line as QSettings reads it: quotes span line ends, a backslash takes the next
-        // character along, ';' outside quotes starts a comment.
-        const int start = i;
-        int equals = -1;
-        bool quoted = false;
-        for (; i < d.size(); ++i) {
-            const char c = d[i];
-            if (c == '=' && !quoted && equals < 0)
-                equals = i;
-            else if (c == '"')
-                quoted = !quoted;
-            else if (c == '\\')
-                i += (i + 2 < d.size() && (d[i + 1] == '\n' || d[i + 1] == '\r') &&
-                      (d[i + 2] == '\n' || d[i + 2] == '\r') && d[i + 1] != d[i + 2]) ? 2 : 1;
-            else if (!quoted && (c == '\n' || c == '\r' || c == ';'))
-                break;
-        }
-        const int end = qMin(i, int(d.size()));
-        if (equals >= 0 && d[start] != '[') {
-            for (const QString& item : ini_value_items(d, equals + 1, end))
-                if (item.startsWith(QLatin1String("@Variant(")) || item.startsWith(QLatin1String("@DateTime(")))
-                    return true;
-        }
-        while (i < d.size() && d[i] != '\n' && d[i] != '\r')
-            ++i;  // the rest of a comment
+    const QString written = store(own.valid ? m.usageFilePath : base, m.usageRecord, "usage", &own, m.usageFilePath);
+    if (!written.isEmpty()) {
+        m.usageFilePath = written;
+        std::lock_guard<std::mutex> lock(usage_files_mutex);
+        usage_files[&m] = own;
+    } else if (!own.valid) {
+        m.usageFilePath = base;
     }
-    return false;
-}
-
-// Why get_scan_info must not hand `path` to QSettings; null when it may.
-const char* unreadable_record(const QString& path)
-{
-    const QFileInfo info(path);
-    if (!info.isFile())
-        return "not a regular file";
-    if (info.size() > kMaxRecordFileBytes)
-        return "larger than 16 MiB";
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return nullptr;  // QSettings reads nothing from it either
-    if (holds_serialised_variant(file.read(kMaxRecordFileBytes + 1)))
-        return "holds a serialised QVariant";
-    return nullptr;
 }
 
 }  // namespace
 
 VeltraInfoMgr::~VeltraInfoMgr() = default;
 
+// systemSettings reads a checked private copy of "./res/system.ini", brought up to date before each
+// use: QSettings would decode whatever the file holds when a key is read.
 windows_information_imp::windows_information_imp()
-    : systemSettings("./res/system.ini", QSettings::IniFormat)
+    : systemSettings(make_checked_copy("./res/system.ini"), QSettings::IniFormat)
 {
     softwareName = QString("");
     if (QCoreApplication::applicationName() != QLatin1String("information_uploader"))
@@ -272,12 +195,17 @@ windows_information_imp::~windows_information_imp()
     qDebug() << "~windows_information_imp";
     usageRecord["endOn"] = utc_now_stamp();
     if (!usageFilePath.isEmpty())  // no usage record was begun: there is nothing to close
-        write_record_file(usageFilePath, usageRecord, "usage");
+        store_usage_record(*this);
+    {
+        std::lock_guard<std::mutex> lock(usage_files_mutex);
+        usage_files.erase(this);
+    }
+    remove_checked_copy(systemSettings.fileName());
 }
 
 void windows_information_imp::get_usage_info()
 {
-    usageStart = QDateTime::currentDateTime();
+    usageStart = record_clock().toLocalTime();
     startOn = utc_now_stamp();
     endOn = startOn;
     get_os_info(osName, lang, resolution);
@@ -372,9 +300,8 @@ void windows_information_imp::create_usage_inifo(const QString& start, QString& 
     this->enableGuide = enableGuide;
 
     create_usage_inner(start, usageRecord);
-    // usageStart is fixed for the run, so every call rewrites the same file.
-    usageFilePath = record_path(usageStart.toString(kUsageStemFormat));
-    write_record_file(usageFilePath, usageRecord, "usage");
+    // Named after usageStart, the first call claims a free name; every later call rewrites that file.
+    store_usage_record(*this);
 
     printf("\r\n create_usage_inifo=%s ", usageFilePath.toUtf8().constData());
     LOG(INFO) << "create_usage_inifo 1";
@@ -419,12 +346,40 @@ void windows_information_imp::end_calib_info(const QString&) {}
 QString windows_information_imp::begin_scan_info() { return QString(""); }
 void windows_information_imp::end_scan_info(const QString&) {}
 
-// Machine probes: stubs on this platform, so the envelope's machine fields stay empty.
+// Machine probes: real on Linux (linux_machine_info), stubs elsewhere. Always true, as hosts expect.
+#ifdef Q_OS_LINUX
+bool windows_information_imp::get_os_info(QString& osName, QString& lang, QString& resolution)
+{
+    linux_machine::probe_os(osName, lang, resolution);
+    return true;
+}
+bool windows_information_imp::get_install_info(QString& installPath, QString& hddSize, QString& hddRemainSize)
+{
+    linux_machine::probe_install(installPath, hddSize, hddRemainSize);
+    return true;
+}
+bool windows_information_imp::get_cpu_info(QString& cores, QString& model)
+{
+    linux_machine::probe_cpu(cores, model);
+    return true;
+}
+bool windows_information_imp::get_gpu_info(QStringList& models, QStringList& memSizes)
+{
+    linux_machine::probe_gpus(models, memSizes);
+    return true;
+}
+bool windows_information_imp::get_memory_info(QString& size)
+{
+    linux_machine::probe_memory(size);
+    return true;
+}
+#else
 bool windows_information_imp::get_os_info(QString&, QString&, QString&) { return true; }
 bool windows_information_imp::get_install_info(QString&, QString&, QString&) { return true; }
 bool windows_information_imp::get_cpu_info(QString&, QString&) { return true; }
 bool windows_information_imp::get_gpu_info(QStringList&, QStringList&) { return true; }
 bool windows_information_imp::get_memory_info(QString&) { return true; }
+#endif
 bool windows_information_imp::get_default_browser(QString&, QString&) { return false; }
 bool windows_information_imp::get_os_name_is11() { return false; }
 bool windows_information_imp::get_os_name(QString&) { return true; }
@@ -462,7 +417,7 @@ void windows_information_imp::create_calibrate_inifo(QStringList& stepModulars, 
         steps.append(step);
     }
     record["content"] = steps;
-    write_record_file(record_path(utc_now_stem(kUtcStemFormat)), record, "calibration");
+    store(record_path(utc_now_stem(kUtcStemFormat)), record, "calibration");
 }
 
 void windows_information_imp::create_share_inifo(QString& ple, QString& modelName, QString& modular,
@@ -484,7 +439,7 @@ void windows_information_imp::create_share_inifo(QString& ple, QString& modelNam
     content["name"] = name;
     content["account"] = account;
     record["content"] = content;
-    write_record_file(record_path(utc_now_stem(kUtcStemFormat)), record, "share");
+    store(record_path(utc_now_stem(kUtcStemFormat)), record, "share");
 }
 
 void windows_information_imp::add_scan_info(const _tag_scan_info& info, int enableGuide)
@@ -530,7 +485,7 @@ void windows_information_imp::add_scan_info(const _tag_scan_info& info, int enab
     content["box"] = box;
     record["content"] = content;
     // "sss" is the seconds twice ("ss" then "s"), not milliseconds; receivers know these stems.
-    write_record_file(record_path(utc_now_stem("yyyy-MM-ddThh-mm-ss.sssZ")), record, "scan");
+    store(record_path(utc_now_stem("yyyy-MM-ddThh-mm-ss.sssZ")), record, "scan");
 }
 
 void windows_information_imp::create_scan_inifo(QString& height, QString& length, QString& width,
@@ -559,7 +514,7 @@ void windows_information_imp::create_scan_inifo(QString& height, QString& length
     record["texture"] = texture;
     record["totalPoint"] = totalPoint;
     record["totalFaces"] = totalFaces;
-    write_record_file(record_path(utc_now_stem(kUtcStemFormat)), record, "scan");
+    store(record_path(utc_now_stem(kUtcStemFormat)), record, "scan");
 }
 
 int windows_information_imp::get_scan_info(const QString& path, QString& data, QString& type)
@@ -568,13 +523,18 @@ int windows_information_imp::get_scan_info(const QString& path, QString& data, Q
         LOG(INFO) << "file not exist" << path.toUtf8().constData();
         return -1;
     }
-    if (const char* reason = unreadable_record(path)) {
+    // QSettings opens a path again when it reads: it gets a private copy of the bytes checked here,
+    // so a file swapped in meanwhile is never decoded.
+    QByteArray bytes;
+    QString read_type;
+    if (const char* reason = read_checked_ini(path, false, [&](const QSettings& file) {
+            bytes = file.value("data", QVariant()).toByteArray();
+            read_type = file.value("type").toString();
+        })) {
         LOG(INFO) << "get_scan_info refused " << path.toUtf8().constData() << ": " << reason;
         return -1;
     }
-    QSettings file(path, QSettings::IniFormat);
-    const QByteArray bytes = file.value("data", QVariant()).toByteArray();
-    type = file.value("type").toString();
+    type = read_type;
     // Log readers match the function text of the existing builds, which compilers spell differently.
     QMessageLogger(__FILE__, __LINE__,
                    "virtual int information_api::windows_information_imp::get_scan_info(const QString &, "
@@ -603,8 +563,8 @@ QString windows_information_imp::create_userfeedback_info(QString& ple, QString&
     record["content"] = feedback;
 
     const QString path = record_path(stem);
-    write_record_file(path, record, "feedback");
-    return path;
+    const QString written = store(path, record, "feedback");
+    return written.isEmpty() ? path : written;
 }
 
 QString windows_information_imp::add_user_score(const QString& score, const QString& ple,
@@ -624,13 +584,14 @@ QString windows_information_imp::add_user_score(const QString& score, const QStr
     // Scores live beside the other records under their own extension, so the upload listing
     // (*.info2) never offers them.
     const QString path = QString("./veltrainfo/%1.score2").arg(stem);
-    write_record_file(path, record, "score");
-    return path;
+    const QString written = store(path, record, "score");
+    return written.isEmpty() ? path : written;
 }
 
 void windows_information_imp::get_upload_config(int& enable, int& time_intval, QString& url, QString& app_id,
                                                 QString&)
 {
+    refresh_checked_copy(systemSettings);
     enable = systemSettings.value("enable", 0).toInt();
     time_intval = systemSettings.value("time_intval", 60).toInt();
     const int test = systemSettings.value("test", 0).toInt();
@@ -644,8 +605,11 @@ void windows_information_imp::get_upload_config(int& enable, int& time_intval, Q
     qDebug() << "get_upload_config _release_url=" << releaseUploadUrl;
     if (releaseUploadUrl.isEmpty()) {
         // Cached in the field, so the file is read once per run (unless it names no URL).
-        QSettings urlConfig("./url_config.ini", QSettings::IniFormat);
-        releaseUploadUrl = urlConfig.value("upload_url", QString(kReleaseUploadUrl)).toString();
+        releaseUploadUrl = kReleaseUploadUrl;
+        if (const char* reason = read_checked_ini("./url_config.ini", true, [this](const QSettings& urlConfig) {
+                releaseUploadUrl = urlConfig.value("upload_url", QString(kReleaseUploadUrl)).toString();
+            }))
+            LOG(WARNING) << "configuration ignored: ./url_config.ini: " << reason;
         qDebug() << "url_config.ini get_upload_config _release_url=" << releaseUploadUrl;
     }
     url = releaseUploadUrl;
@@ -654,6 +618,7 @@ void windows_information_imp::get_upload_config(int& enable, int& time_intval, Q
 
 void windows_information_imp::getUploadFileUrl(QString& url)
 {
+    refresh_checked_copy(systemSettings);
     const int test = systemSettings.value("test", 0).toInt();
     url = test != 0 ? testFileUploadUrl : releaseFileUploadUrl;
     if (url.isEmpty())
@@ -665,10 +630,15 @@ void windows_information_imp::get_domain_manger_url(QString& url)
     url = kCdnBaseUrl;  // one content-delivery host serves both modes
 }
 
-int windows_information_imp::get_reconnect_intval() { return systemSettings.value("connect_time", 20).toInt(); }
+int windows_information_imp::get_reconnect_intval()
+{
+    refresh_checked_copy(systemSettings);
+    return systemSettings.value("connect_time", 20).toInt();
+}
 
 int windows_information_imp::get_upload_files(QStringList& files)
 {
+    refresh_checked_copy(systemSettings);
     const int minimum = systemSettings.value("uploadintval", 1).toInt();
     const QCoreApplication* app = QCoreApplication::instance();
     // Without "start_time" the reference is invalid, every age is 0 and nothing is due by default.
@@ -688,6 +658,7 @@ int windows_information_imp::get_upload_files(QStringList& files)
 
 void windows_information_imp::clear_timeout_file()
 {
+    refresh_checked_copy(systemSettings);
     const int limit = systemSettings.value("remain", 30).toInt();
     const QDate today = QDateTime::currentDateTime().date();
     for (const record_entry& record : records_oldest_first()) {

@@ -83,10 +83,12 @@ struct INFORMATION_API_EXPORT _tag_scan_info {
 /// records look so, and it is kept.
 ///
 /// No builder reports a failure: a record that cannot be written (a read-only folder, a full
-/// disk) leaves a glog warning naming its path and the QSettings status. Records are named by the
-/// second they were written in: two written in the same second under the same pattern (a
-/// calibration, a share and a flat scan share one) share a file, and the later replaces the
-/// earlier. Arguments passed by non-const reference are only read.
+/// disk) leaves a glog warning naming its path and why, and every record file stays as it was; a
+/// file is only ever replaced by a complete, verified version. Records are named by the second
+/// they were written in, and a builder never overwrites another record: when its name is taken (two
+/// records of one second under one pattern, two hosts on one folder) it writes to the first free
+/// `<stem>-<n>` with the same extension, n counting from 1, claiming the name atomically.
+/// Arguments passed by non-const reference are only read.
 class INFORMATION_API_EXPORT VeltraInfoMgr {
 public:
     /// Deletes the manager; windows_information_imp's destructor closes the usage record.
@@ -155,9 +157,10 @@ public:
     /// empties modularPles (the envelope then lists `modular` as one module). Builds the
     /// envelope into windows_information_imp::usageRecord and writes it, "type" "usage", to
     /// `./veltrainfo/<local yyyy-MM-ddThh-mm-ss>.info2`, named after the start of the run
-    /// (usageStart): every call in a run rewrites the same file, and deleting the manager
-    /// rewrites it a last time with "endOn" the time of deletion. Prints one trace line to
-    /// standard output.
+    /// (usageStart), or the first free `<stem>-<n>.info2` when another record holds that name.
+    /// Every later call in the run rewrites the file the first one wrote (usageFilePath), and
+    /// deleting the manager rewrites it a last time with "endOn" the time of deletion. Prints one
+    /// trace line to standard output.
     /// @param start empty: the record's period is the manager's own startOn and endOn (the start
     ///        of the run, or the period of the last calibration, share, structured scan, feedback
     ///        or score). Otherwise this text, unchecked, becomes "startOn" and now (UTC)
@@ -179,7 +182,8 @@ public:
     /// @param ple, softwareVer, modelName, modular as for create_usage_inifo()
     /// @param industry the user's industry, as the host names it
     /// @param enableGuide the host's guide option: "enableGuide" is "yes" when 1, else "no"
-    /// @return the path written (it names no file when the write failed)
+    /// @return the path written: `<stem>-<n>.score2` when the name was taken (it names no file
+    ///         when the write failed)
     virtual QString add_user_score(const QString& score, const QString& ple, const QString& softwareVer,
                                    QString& modelName, QString& modular, const QString& industry,
                                    int enableGuide) = 0;
@@ -195,7 +199,8 @@ public:
     /// @param email, industry, content the user's address, industry and text
     /// @param attachs the attachments, recorded as given; the files themselves go up with
     ///        upload_file()
-    /// @return the path written (it names no file when the write failed)
+    /// @return the path written: `<stem>-<n>.info2` when the name was taken (it names no file
+    ///         when the write failed)
     virtual QString create_userfeedback_info(QString& ple, QString& softwareVer, QString& modelName,
                                              QString& modular, QStringList& modularPles, int enableGuide,
                                              QString& email, QString& industry, QString& content,
@@ -244,10 +249,12 @@ public:
                                    QString& extra) = 0;
     /// Reads a record file back, whatever its kind: its JSON text into `data` (null when the file
     /// has no "data") and its kind into `type`.
+    /// The file is opened once, without blocking, and QSettings decodes a private copy of the
+    /// bytes that were checked.
     /// @return 0; -1 when `path` does not exist, or is no file the library can have written:
-    ///         not a regular file, over 16 MiB, or holding a value QSettings would decode as a
-    ///         serialised QVariant. Both outputs are then left as they were, and an info log line
-    ///         says why.
+    ///         not a regular file (a symbolic link included), over 16 MiB, or holding a value
+    ///         QSettings would decode as a serialised QVariant. Both outputs are then left as they
+    ///         were, and an info log line says why.
     virtual int get_scan_info(const QString& path, QString& data, QString& type) = 0;
     /// Does nothing: `files` is left as it was. A score record is read by the path
     /// add_user_score() returned.
@@ -300,20 +307,20 @@ public:
     /// "yyyy-MM-ddThh:mm:ssZ"), or the last period a builder stored.
     QString startOn;
     QString endOn;  ///< End of that period ("endOn"); the run's start until a builder stores one.
-    QString osName;      ///< Operating system's name ("osSoftExt"); empty in this build.
-    QString lang;        ///< System language ("osSoftExt"); empty in this build.
-    QString resolution;  ///< Screen resolution ("osSoftExt"); empty in this build.
+    QString osName;      ///< Operating system's name ("osSoftExt"); see get_os_info().
+    QString lang;        ///< System language, as en_US ("osSoftExt"); see get_os_info().
+    QString resolution;  ///< Primary screen, "<w> x <h>" pixels ("osSoftExt"); see get_os_info().
     QString spareText2;  ///< Unused; keeps the layout.
-    QString installPath;     ///< Installation path ("osSoftExt"); empty in this build.
-    QString browserName;     ///< Default browser ("osSoftExt" "browser"); empty in this build.
-    QString browserVersion;  ///< Its version ("browser" "ver"); empty in this build.
-    QString cpuCores;        ///< CPU cores, decimal ("osHdExt" "cpu", a number); empty in this build.
-    QString cpuModel;        ///< CPU model ("osHdExt" "cpu"); empty in this build.
-    QString memSize;         ///< Memory size in decimal ("osHdExt", a number); empty in this build.
-    QStringList gpuModels;   ///< One per graphics adapter ("osHdExt" "gpu"); empty in this build.
-    QStringList gpuMemSizes;  ///< Adapter memory sizes in decimal, parallel to gpuModels.
-    QString hddSize;        ///< Disk size in decimal ("osHdExt", a number); empty in this build.
-    QString hddRemainSize;  ///< Free disk space, decimal ("osHdExt", a number); empty in this build.
+    QString installPath;     ///< The application's folder ("osSoftExt"); see get_install_info().
+    QString browserName;     ///< Default browser ("osSoftExt" "browser"); always empty.
+    QString browserVersion;  ///< Its version ("browser" "ver"); always empty.
+    QString cpuCores;        ///< Physical CPU cores, decimal ("osHdExt" "cpu", a number).
+    QString cpuModel;        ///< CPU model ("osHdExt" "cpu"); see get_cpu_info().
+    QString memSize;         ///< Memory in MiB, decimal ("osHdExt", a number); see get_memory_info().
+    QStringList gpuModels;   ///< One per graphics adapter ("osHdExt" "gpu"); see get_gpu_info().
+    QStringList gpuMemSizes;  ///< Adapter memory in MiB, decimal, parallel to gpuModels.
+    QString hddSize;        ///< Size of the application's volume in MiB, decimal ("osHdExt", a number).
+    QString hddRemainSize;  ///< Space available on it in MiB, decimal ("osHdExt", a number).
     QString ple;      ///< Current device profile file name ("modularExt" "ple").
     QString modular;  ///< Module description: the "name" of every module in "modularExt".
     /// Module profile names: one module of "modularExt" each ("mple"); the first always, later
@@ -321,12 +328,31 @@ public:
     QStringList modularPles;
 };
 
-/// The manager the library creates for the host. On this platform the machine probes are stubs.
+/// The manager the library creates for the host; on Linux it also describes the machine.
 ///
-/// The same class serves every platform. With the probes stubbed, the envelope's machine
-/// description ("osSoftExt", "osHdExt") holds empty texts and zeros. Its settings come from
-/// "./res/system.ini" (relative to the working directory), read as they are needed; a value that
-/// is not a number reads as 0:
+/// The same class serves every platform. On Linux the machine probes fill the envelope's machine
+/// description ("osSoftExt", "osHdExt") once, as the manager is created (get_usage_info()), on
+/// the host's thread; they add well under a millisecond to information_init(). A source that
+/// cannot be read leaves its fields empty (0 in a record) and never stops one. On macOS the probes
+/// are stubs: the description holds empty texts and zeros (KrMacosInfo describes the Mac instead).
+/// No platform has a default browser: browserName and browserVersion stay empty.
+///
+/// | field | source on Linux | form |
+/// |---|---|---|
+/// | osName | QSysInfo::prettyProductName() (os-release's PRETTY_NAME) | as given |
+/// | lang | QLocale::system().name() | as en_US |
+/// | resolution | the primary screen's size in device pixels, only in a QGuiApplication with a screen | "<w> x <h>", as KrMacosInfo writes it; otherwise empty |
+/// | installPath | QCoreApplication::applicationDirPath() | the user's home directory written as "~" (a path under /home names the user) |
+/// | hddSize, hddRemainSize | total and available bytes of the volume holding that folder, as QStorageInfo counts them | MiB (2^20 bytes), rounded down |
+/// | cpuCores | physical cores: distinct ("physical id", "core id") pairs in /proc/cpuinfo | the number of processors where those keys are absent |
+/// | cpuModel | the first "model name" in /proc/cpuinfo, trimmed | QSysInfo::currentCpuArchitecture() where absent (most arm64 kernels) |
+/// | memSize | "MemTotal" in /proc/meminfo | MiB, rounded down |
+/// | gpuModels | one per PCI display controller (class 0x03xxxx) in /sys/bus/pci/devices, in address order | "<vendor> <device>" as the PCI ID database names them (pci.ids of the hwdata or pciutils package), else "vendor:device" in hex, as 10de:1c82 |
+/// | gpuMemSizes | amdgpu's "mem_info_vram_total"; other drivers report none | MiB; the list ends with the last adapter that has a size, an adapter without one before it has an empty entry (0 in a record) |
+///
+/// Its settings come from "./res/system.ini" (relative to the working directory), read as they
+/// are needed from a private copy of its checked bytes (a file holding a serialised QVariant is
+/// ignored); a value that is not a number reads as 0:
 ///
 /// | key | default | read by |
 /// |---|---|---|
@@ -402,17 +428,19 @@ public:
                                    QString& classsify, QString& hdr, QString& modular, QString& startOn,
                                    QString& endOn, QString& pointDis, QString& texture,
                                    QString& totalPoint, QString totalFaces, int unused);
-    /// Machine probe for osName, lang and resolution; a stub here: leaves them and returns true.
+    /// Machine probe for osName, lang and resolution (the class's table); returns true. On Linux
+    /// it sets what it can read and leaves the rest; on macOS it leaves all three.
     virtual bool get_os_info(QString& osName, QString& lang, QString& resolution);
-    /// Machine probe for installPath, hddSize and hddRemainSize; a stub here: returns true.
+    /// Machine probe for installPath, hddSize and hddRemainSize, as get_os_info().
     virtual bool get_install_info(QString& installPath, QString& hddSize, QString& hddRemainSize);
-    /// Machine probe for cpuCores and cpuModel; a stub here: returns true.
+    /// Machine probe for cpuCores and cpuModel, as get_os_info().
     virtual bool get_cpu_info(QString& cores, QString& model);
-    /// Machine probe for gpuModels and gpuMemSizes; a stub here: returns true.
+    /// Machine probe for gpuModels and gpuMemSizes, as get_os_info(). On Linux both lists are
+    /// replaced once it finds a display controller.
     virtual bool get_gpu_info(QStringList& models, QStringList& memSizes);
-    /// Machine probe for memSize; a stub here: returns true.
+    /// Machine probe for memSize, as get_os_info().
     virtual bool get_memory_info(QString& size);
-    /// Machine probe for browserName and browserVersion; a stub here: returns false.
+    /// Machine probe for browserName and browserVersion; a stub on every platform: returns false.
     virtual bool get_default_browser(QString& name, QString& version);
 
     /// Starts the usage period of this run: stamps its start and asks the machine probes.
@@ -430,7 +458,7 @@ public:
     bool get_gpu_info_vista(QStringList& models, QStringList& memSizes);
 
     int enableGuide = 0;  ///< The last guide option a builder got; "enableGuide" is "yes" when 1.
-    QSettings systemSettings;  ///< "./res/system.ini", opened by the constructor (keys above).
+    QSettings systemSettings;  ///< A private copy of "./res/system.ini" (keys above), kept up to date.
     QString spareText3;  ///< Unused; keeps the layout.
     bool spareFlag = true;  ///< Unused; keeps the layout.
     QString usageFilePath;  ///< The run's usage record file; empty until create_usage_inifo().

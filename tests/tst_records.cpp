@@ -5,10 +5,15 @@
 
 #include <information_api/http.h>
 #include <information_api/json_handler.h>
+#include <information_api/record_file.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstring>
-#include <sys/stat.h>
+#include <thread>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 using namespace test_support;
@@ -28,6 +33,17 @@ const char* const kEnvelope = R"({"modelName":"K300","seriaNum":"","softwareName
     "startOn":"S","endOn":"E","enableGuide":"no","modularExt":{"ple":"dev.ple"},
     "osSoftExt":{"osName":"","lang":"","resolution":"","installPath":"","browser":{"name":"","ver":""}},
     "osHdExt":{"cpu":[{"cpuCores":0,"cpuModel":""}],"memSize":0,"gpu":[],"hddSize":0,"hddRemainSize":0}})";
+
+// A manager with a blank machine description, so that records compare whole on any machine.
+manager_ptr new_manager()
+{
+    auto m = std::make_unique<W>();
+    for (QString* f : {&m->osName, &m->lang, &m->resolution, &m->installPath, &m->cpuCores, &m->cpuModel, &m->memSize,
+                       &m->hddSize, &m->hddRemainSize})
+        f->clear();
+    m->gpuModels.clear(), m->gpuMemSizes.clear();
+    return m;
+}
 
 // The manager's fields that later records carry.
 QString stored_fields(const windows_information_imp* m)
@@ -150,8 +166,12 @@ private slots:
 
     void builders_data();
     void builders();
-    void file_bytes_and_trace_line();  // and the file replaced as a whole
-    void unwritable_folder();
+    void file_bytes_and_trace_line();
+    void name_taken_data();
+    void name_taken();
+    void not_written_data();
+    void not_written();
+    void swapped_while_read();
     void get_scan_info_data();
     void get_scan_info();
     void upload_config_data();
@@ -290,7 +310,7 @@ void tst_records::builders()
     QFETCH(QString, record);
     QFETCH(QString, stored);
     const QString since = utc_now();
-    auto m = std::make_unique<windows_information_imp>();
+    auto m = new_manager();
     const QString path = write(m);
     QVERIFY2(QRegularExpression("^" + files + "$").match(record_files().join(' ')).hasMatch(),
              qPrintable(record_files().join(' ')));
@@ -312,7 +332,7 @@ void tst_records::file_bytes_and_trace_line()
 {
     // Indented JSON as one escaped byte-array value, quoted for its commas; the UTF-8 bytes escaped
     // (and a hex digit after them), JSON's own backslashes doubled.
-    auto m = std::make_unique<windows_information_imp>();
+    auto m = new_manager();
     const QByteArray expected = R"x([General]
 data="@ByteArray({\n    \"content\": {\n        \"account\": \"\xe6\x89\xab\x61\\\"=;,\\n\",\n        \"name\": \"n\",\n        \"target\": \"t\"\n    },\n    \"enableGuide\": \"no\",\n    \"endOn\": \"E2\",\n    \"modelName\": \"K400\",\n    \"modularExt\": {\n        \"modular\": [\n            {\n                \"mple\": \"\",\n                \"name\": \"S\",\n                \"sn\": \"\"\n            }\n        ],\n        \"ple\": \"share.ple\"\n    },\n    \"osHdExt\": {\n        \"cpu\": [\n            {\n                \"cpuCores\": 0,\n                \"cpuModel\": \"\"\n            }\n        ],\n        \"gpu\": [\n        ],\n        \"hddRemainSize\": 0,\n        \"hddSize\": 0,\n        \"memSize\": 0\n    },\n    \"osSoftExt\": {\n        \"browser\": {\n            \"name\": \"\",\n            \"ver\": \"\"\n        },\n        \"installPath\": \"\",\n        \"lang\": \"\",\n        \"osName\": \"\",\n        \"resolution\": \"\"\n    },\n    \"seriaNum\": \"\",\n    \"softwareName\": \"\",\n    \"softwareVer\": \"\",\n    \"startOn\": \"S2\",\n    \"tracingType\": \"share\"\n}\n)"
 type=share
@@ -329,32 +349,117 @@ type=share
     dup2(saved, STDOUT_FILENO);
     close(saved);
     QCOMPARE(read_file(out.fileName()), "\r\n create_usage_inifo=" + path.toUtf8() + " ");
-
-    // A record is rewritten through a new file that replaces the old one, so that a writer killed
-    // midway leaves the old record whole: a hard link to the old file keeps its bytes.
-    const QByteArray first = read_file(path);
-    QCOMPARE(link(qPrintable(path), "old"), 0);
-    usage("later")(m);
-    QCOMPARE(read_file("old"), first);
 }
 
-void tst_records::unwritable_folder()
+void tst_records::name_taken_data()
 {
-    // The builders still report nothing, but every lost record leaves a warning: one of each kind,
-    // then the usage record once more as the manager ends. ./veltrainfo is a file, then a folder
-    // nobody can write (not even root can create files in /proc/self/fdinfo).
-    write_file("veltrainfo", "precious");
-    for (const bool folder : {false, true}) {
-        QVERIFY(!folder || (QFile::remove("veltrainfo") && QFile::link("/proc/self/fdinfo", "veltrainfo")));
-        glog_capture log;
-        auto m = std::make_unique<windows_information_imp>();
-        for (const step& write : {usage(), calibration({"c"}, {}), share(), scan([](_tag_scan_info&) {}), feedback("dev.ple"),
-                                  score("5", "dev.ple")})
-            write(m);
-        m.reset();
-        QCOMPARE(log.lines().filter(QRegularExpression(R"(^record not written: \./veltrainfo/[^ ]+\.(info2|score2) \(QSettings status AccessError\)$)")).size(), 7);
-        QCOMPARE(read_file("veltrainfo"), QByteArray(folder ? "<absent>" : "precious"));
+    QTest::addColumn<QString>("kinds");  // written in turn: Usage (each by a manager of its own), Calibration, Share,
+    QTest::addColumn<QByteArray>("zone");  // Flat scan, structured scan (X), feedback (B), scoRe
+    QTest::addColumn<int>("shift");  // seconds the clock moves before the second record
+    for (const QByteArray zone : {"UTC0", "<+08>-8"})  // a run of 8 hours at UTC+8 names its feedback like its usage
+        for (const QString kinds : {"UU", "UB", "BU", "BB", "RR", "CC", "CS", "CF", "SS", "SF", "FF", "XX"})
+            QTest::newRow(qPrintable(kinds + " " + zone)) << kinds << zone << (zone == "UTC0" ? 0 : kinds == "UB" ? 28800 : kinds == "BU" ? -28800 : 0);
+    QTest::newRow("100 structured scans in one second") << QString(100, 'X') << QByteArray("UTC0") << 0;
+}
+
+void tst_records::name_taken()
+{
+    QFETCH(QString, kinds);
+    QFETCH(QByteArray, zone);
+    QFETCH(int, shift);
+    const QByteArray zone_before = qgetenv("TZ");
+    static QDateTime now;
+    now = QDateTime(QDate(2026, 11, 25), QTime(10, 20, 30), Qt::UTC);
+    record_clock = [] { return now; }, qputenv("TZ", zone);
+    std::vector<manager_ptr> managers;
+    QStringList paths;
+    QByteArrayList written;
+    for (int i = 0; i < kinds.size(); ++i) {
+        now = now.addSecs(i == 1 ? shift : 0);
+        const QString n = QString::number(i);
+        const QStringList before = record_files();
+        if (kinds[i] == 'U' || managers.empty())
+            managers.push_back(std::make_unique<W>());
+        const QString returned = QMap<QChar, step>{{'U', usage()}, {'C', calibration({n}, {})}, {'S', share(n)},
+            {'X', scan([=](_tag_scan_info& s) { s.fileName = n; })}, {'B', feedback(n + ".ple")}, {'R', score(n, "p")},
+            {'F', [=](manager_ptr& m) { return call(m, &W::create_scan_inifo, "", "", "", n, "", "", "", "", "", "", "", "", "", "", "", "", 0), QString(); }}}
+            [kinds[i]](managers.back());
+        // Each record under the first free name: <stem>.<ext>, <stem>-1.<ext>, ...; a builder that returns a path returns it.
+        paths << (i == 0 ? "./veltrainfo/" + record_files().value(0) : QString(paths[0]).insert(paths[0].lastIndexOf('.'), "-" + n));
+        QVERIFY(record_files().size() == before.size() + 1 && record_files().contains(QFileInfo(paths[i]).fileName()));
+        QVERIFY(!QString("UBR").contains(kinds[i]) || returned == paths[i]);
+        written << read_file(paths[i]);
     }
+    for (manager_ptr& m : managers)  // the usage records written once more and closed: each at its own path
+        m->usageFilePath.isEmpty() ? m.reset() : (usage()(m), m.reset());
+    qputenv("TZ", zone_before), record_clock = &QDateTime::currentDateTimeUtc;
+    QCOMPARE(record_files().size(), kinds.size());
+    for (int i = 0; i < kinds.size(); ++i) {
+        QString data, type;
+        QVERIFY(W().get_scan_info(paths[i], data, type) == 0 && (kinds[i] == 'U' || read_file(paths[i]) == written[i]));
+        QCOMPARE(type, QString("usage calibration share scan scan feedback score").split(' ')[QString("UCSFXBR").indexOf(kinds[i])]);
+    }
+}
+
+void tst_records::not_written_data()
+{
+    QTest::addColumn<QString>("disk");
+    QTest::newRow("./veltrainfo a file") << "file";
+    QTest::newRow("a folder nobody can write (not even root: /proc/self/fdinfo)") << "unwritable";
+    QTest::newRow("one block free: QSettings' own save comes out empty") << "block";  // private copies on that disk
+    QTest::newRow("exactly full") << "full";
+}
+
+void tst_records::not_written()
+{
+    // The builders still report nothing, but every record not written leaves a warning: one of each kind, then the
+    // usage record once more as the manager ends. Nothing written before is lost or emptied.
+    QFETCH(QString, disk);
+    const QByteArray folder = QDir::current().absoluteFilePath("veltrainfo").toUtf8(), tmp = qgetenv("TMPDIR");
+    const std::shared_ptr<void> unmount(nullptr, [&](void*) { umount2(folder, MNT_DETACH), tmp.isNull() ? qunsetenv("TMPDIR") : qputenv("TMPDIR", tmp); });
+    auto m = std::make_unique<W>();
+    QString path = "veltrainfo", before = disk == "file" ? "precious" : "<absent>";
+    if (disk == "file" || disk == "unwritable")
+        QVERIFY(disk == "file" ? (write_file(path, "precious"), true) : QFile::link("/proc/self/fdinfo", path));
+    else {  // a disk of 256 KiB, mounted in a namespace of this thread's own: it goes with the process
+        QVERIFY2(QDir().mkpath("veltrainfo/tmp") && unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                 mount("tmpfs", folder, "tmpfs", 0, "size=256k") == 0 && QDir().mkpath("veltrainfo/tmp"), strerror(errno));
+        path = usage()(m), before = read_file(path);
+        qputenv("TMPDIR", disk == "block" ? folder + "/tmp" : tmp);
+        const int filler = open("veltrainfo/filler", O_WRONLY | O_CREAT, 0600);
+        for (const QByteArray page(4096, 'x'); write(filler, page.constData(), page.size()) > 0;) {}
+        struct statvfs fs;
+        QVERIFY(ftruncate(filler, (lseek(filler, 0, SEEK_END) + 4095) / 4096 * 4096 - (disk == "block" ? 4096 : 0)) == 0 &&
+                close(filler) == 0 && statvfs(folder, &fs) == 0 && fs.f_bavail == (disk == "block" ? 1u : 0u));
+    }
+    glog_capture log;
+    for (const step& write : {usage(), calibration({"c"}, {}), share(), scan([](_tag_scan_info&) {}), feedback("dev.ple"), score("5", "dev.ple")})
+        write(m);
+    m.reset();
+    QCOMPARE(log.lines().filter(QRegularExpression(R"(^record not written: \./veltrainfo/[^ ]+\.(info2|score2) \(.+\)$)")).size(), 7);
+    QCOMPARE(read_file(path), before);
+    if (path != "veltrainfo") {  // no record made empty, no temporary file left
+        QCOMPARE(record_files(), QStringList({QFileInfo(path).fileName(), "filler"}));
+        QVERIFY(!QDirIterator("veltrainfo/tmp", QDir::Files | QDir::Hidden, QDirIterator::Subdirectories).hasNext());
+    }
+}
+
+void tst_records::swapped_while_read()
+{
+    // Files swapped in as get_scan_info reads: the one QSettings decodes is the one that was checked.
+    const QString good = QDir::current().absoluteFilePath("good"), bad = QDir::current().absoluteFilePath("bad"), record = good + ".info2";
+    for (const QString& file : {good, record})
+        write_file(file, "[General]\ntype=t\n");
+    write_file(bad, QByteArray(R"([General]|type=@Variant(\0\0\0\v\x7f\xff\xff\xff)|)").replace('|', '\n'));
+    std::atomic<bool> stop{false};
+    const std::shared_ptr<std::thread> swapper(new std::thread([&] {
+        for (int i = 0; !stop; ++i)
+            link(qPrintable(i % 2 ? good : bad), qPrintable(record + ".new")), rename(qPrintable(record + ".new"), qPrintable(record));
+    }), [&](std::thread* t) { stop = true, t->join(), delete t; });
+    W m;
+    QString data, type;
+    for (int i = 0; i < 10000; ++i)  // readers that opened the path twice failed within a few thousand reads
+        QVERIFY(m.get_scan_info(record, data, type) == -1 || type == "t");
 }
 
 void tst_records::get_scan_info_data()
@@ -379,8 +484,8 @@ void tst_records::get_scan_info_data()
         << "kept" << "kept" << variant;
     QTest::newRow("larger than 16 MiB") << "[General]\ntype=t\ndata=" + QByteArray(16 << 20, 'x') << -1 << "kept" << "kept"
                                         << "get_scan_info refused record.info2: larger than 16 MiB";
-    QTest::newRow("a pipe nobody writes to") << QByteArray("<fifo>") << -1 << "kept" << "kept"
-                                             << "get_scan_info refused record.info2: not a regular file";
+    QTest::newRow("a link to /proc/kmsg, which blocks: not a record, like a pipe") << QByteArray("<kmsg>") << -1 << "kept"
+                                                                                  << "kept" << "get_scan_info refused record.info2: not a regular file";
 }
 
 void tst_records::get_scan_info()
@@ -390,8 +495,8 @@ void tst_records::get_scan_info()
     QFETCH(QString, data);
     QFETCH(QString, type);
     QFETCH(QString, log);
-    if (file == "<fifo>")
-        QCOMPARE(mkfifo("record.info2", 0600), 0);
+    if (file == "<kmsg>")
+        QVERIFY(QFile::link("/proc/kmsg", "record.info2"));
     else if (!file.isNull())
         write_file("record.info2", file);
     windows_information_imp m;
@@ -428,10 +533,13 @@ void tst_records::upload_config_data()
         "0 60 <test> <T> |  | <files> <cdn> 20");
     row("test mode with urls set", {{"test", 2}, {"enable", 1}}, {}, set_urls("https://rel", "https://tst", "", "https://tst/up"),
         "1 60 https://tst <T> | https://rel https://tst | https://tst/up <cdn> 20");
-    row("url_config read once", {{"enable", 1}, {"time_intval", 15}, {"connect_time", 5}}, url_config, [](manager_ptr& m) {
+    row("url_config read once, system.ini as it is when read", {}, url_config, [](manager_ptr& m) {
             call(m, &W::get_upload_config, 0, 0, "", "", "");
+            write_ini("res/system.ini", {{"enable", 1}, {"time_intval", 15}, {"connect_time", 5}});
             return write_ini("url_config.ini", {{"upload_url", "https://second.example"}}), "";
         }, "1 15 https://first.example <R> | https://first.example | <files> <cdn> 5");
+    row("serialised QVariants: neither file read", {{"enable", QVariantMap{{"k", 1}}}, {"time_intval", 15}},
+        {{"upload_url", QVariantMap{{"k", 1}}}}, set_urls("", ""), "0 60 <release> <R> | <release> | <files> <cdn> 20");
 }
 
 void tst_records::upload_config()

@@ -11,17 +11,22 @@ using namespace test_support;
 enum run_condition { as_is, misbehaving, service_down, locked, read_only, read_only_once_sent };
 Q_DECLARE_METATYPE(run_condition)
 
-// Writes ./veltrainfo/ from `files`, "name[:days since it changed]" each: *.info2 and *.score2
-// names as records carrying their name, anything else as an empty file.
+// Writes ./veltrainfo/ from `files`, "name[=text][:days since it changed]" each: *.info2 and
+// *.score2 names as records carrying their name, anything else as a file holding `text`;
+// "name/" as a folder, "name@target" as a symbolic link.
 static void write_folder(const QString& files)
 {
-    QDir().mkpath("veltrainfo");
     for (const QString& file : files.split(' ', Qt::SkipEmptyParts)) {
-        const QString name = file.section(':', 0, 0), path = "veltrainfo/" + name;
+        const QString name = file.section(':', 0, 0).section('=', 0, 0), path = "veltrainfo/" + name.section('@', 0, 0);
+        QDir().mkpath(name.endsWith('/') ? path : QFileInfo(path).path());
+        if (name.contains('@'))
+            QVERIFY(QFile::link(name.section('@', 1), path));
+        if (name.contains('@') || name.endsWith('/'))
+            continue;
         if (path.endsWith(".info2") || path.endsWith(".score2"))
             write_ini(path, {{"data", QByteArray(R"({"record":")" + name.toUtf8() + R"("})")}, {"type", "usage"}});
         QFile f(path);
-        QVERIFY(f.open(QIODevice::Append));
+        QVERIFY(f.open(QIODevice::Append) && f.write(file.section(':', 0, 0).section('=', 1).toUtf8()) >= 0 && f.flush());
         f.setFileTime(QDateTime::currentDateTime().addDays(-file.section(':', 1).toInt()),
                       QFileDevice::FileModificationTime);
     }
@@ -41,11 +46,21 @@ void tst_uploader::one_run_data()
     QTest::addColumn<run_condition>("condition");
     QTest::addColumn<QString>("expected");  // exit status, files left, requests received
     QTest::addColumn<QString>("err");       // parts of standard error, "|"-separated
-    QTest::newRow("only confirmed records removed") << "" << "a.info2 b.info2 c.info2 d.info2 e.info2 s.score2"
-        << misbehaving << "exit 1, left [b.info2 c.info2 d.info2 s.score2], 5 received" << "b.info2: duplicate record";
+    // A record parked by a killed run goes back (f), beside the record written under its name meanwhile (b-1).
+    QTest::newRow("only confirmed records removed, as sent") << "" << "a.info2 b.info2 c.info2 d.info2 e.info2 s.score2 "
+        ".information_uploader.parked.f.info2 .information_uploader.parked.b.info2" << misbehaving
+        << "exit 1, left [b-1.info2 b.info2 c.info2 d.info2 e.info2 f.info2 s.score2], 7 received"
+        << "b.info2: duplicate record|e.info2 changed while it was sent";
     QTest::newRow("disabled") << "enable=0" << "a.info2" << as_is << "exit 3, left [a.info2], 0 received" << "disabled";
     QTest::newRow("second run while locked") << "" << "a.info2" << locked
         << "exit 4, left [.information_uploader.lock a.info2], 0 received" << "is in use by tst_uploader (pid";
+    for (const QString lock : {":1", "=garbage:1", "@gone", "/"})  // empty, garbage, a dangling link, a folder
+        QTest::newRow(qPrintable("nameless lock " + lock)) << "" << ".information_uploader.lock" + lock + " a.info2"
+                                                          << as_is << "exit 0, left [], 1 received" << "";
+    QTest::newRow("empty lock being written") << "" << ".information_uploader.lock a.info2" << as_is
+        << "exit 4, left [.information_uploader.lock a.info2], 0 received" << "in use by another information_uploader";
+    QTest::newRow("lock is a folder with a file") << "" << ".information_uploader.lock/kept a.info2" << as_is
+        << "exit 1, left [a.info2], 0 received" << "is a folder that is not empty, not a lock";
     QTest::newRow("read-only folder") << "" << "a.info2" << read_only << "exit 1, left [a.info2], 0 received"
                                       << "cannot remove records from ./veltrainfo/";
     QTest::newRow("folder read-only once sent") << "" << "a.info2" << read_only_once_sent
@@ -58,8 +73,9 @@ void tst_uploader::one_run_data()
     QTest::newRow("nothing due: young, the old one expired") << "uploadintval=1" << "a.info2 b.info2 old.info2:40"
         << as_is << "exit 0, left [a.info2 b.info2], 0 received"
         << R"(nothing due: 2 records younger than 1 "uploadintval" day(s))";
-    QTest::newRow("old write leftovers removed") << "" << "a.info2.lock:2 s.score2.x1Y2z3:2 b.info2.lock s.score2:2"
-        << as_is << "exit 0, left [b.info2.lock s.score2], 0 received" << "";
+    QTest::newRow("only old write leftovers removed") << "" << "a.info2.lock:2 s.score2.x1Y2z3:2 b.info2.lock s.score2:2 "
+        "x.info2.bak:2 x.info2.backup1:2 notes.txt:2" << as_is
+        << "exit 0, left [b.info2.lock notes.txt s.score2 x.info2.backup1 x.info2.bak], 0 received" << "";
 }
 
 void tst_uploader::one_run()
@@ -79,10 +95,13 @@ void tst_uploader::one_run()
     if (condition == service_down)
         service->stop();
     // Misbehaving, by the record's name: b.info2 refused, c.info2 never answered (until the
-    // uploader's time-out), d.info2 cut off in the middle of its answer; a.info2 and e.info2 stored.
+    // uploader's time-out), d.info2 cut off in the middle of its answer; a.info2 and e.info2
+    // stored, e.info2 rewritten by its host meanwhile.
     if (condition == misbehaving)
         service->set_script([](const collection::received_request& r) -> std::optional<collection::reply> {
             const auto carries = [&](const char* name) { return r.body.find(name) != std::string::npos; };
+            if (carries("e.info2"))
+                write_ini("veltrainfo/e.info2", {{"type", "scan"}});
             collection::reply refusal = answer(R"({"status":"failed","result":"duplicate record"})");
             refusal.silent = carries("c.info2");
             refusal.reset_midway = carries("d.info2");

@@ -12,6 +12,7 @@ packages=(
   libbenchmark-dev libcurl4-openssl-dev curl
   clang libclang-rt-14-dev
   doxygen help2man
+  hwdata  # pci.ids, which names the graphics adapters of the machine description
 )
 
 missing=()

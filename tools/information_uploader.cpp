@@ -1,10 +1,11 @@
 // information_uploader: sends the records that are due from ./veltrainfo/ to the collection
 // service, through the library's public API only. A record file is deleted only after the service
-// confirmed it, so an interrupted run or a dead service never loses a record: the next run
-// sends what is left.
+// confirmed it, and only while it still holds what was sent, so an interrupted run, a dead
+// service or a host rewriting a record never loses one: the next run sends what is left.
 #include <information_api/information_api.h>
 #include <information_api/information_api_version.h>
 #include <information_api/transport_security.h>
+#include <information_api/windows_information_imp.h>
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
@@ -13,13 +14,17 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QLockFile>
+#include <QRegularExpression>
 #include <QSettings>
 #include <QTemporaryFile>
 #include <QTimer>
 
+#include <cerrno>
 #include <cstdio>
+#include <ctime>
 #include <deque>
 #include <map>
+#include <sys/stat.h>
 #include <unistd.h>
 
 using namespace information_api;
@@ -40,6 +45,12 @@ struct options {
     int due_after_days = 1;
 };
 
+const QString kLockPath = "veltrainfo/.information_uploader.lock";
+// A record taken out of the listing while the uploader checks what it holds (see remove_if_sent).
+const QString kParkedPrefix = ".information_uploader.parked.";
+// The library reads no larger record.
+constexpr qint64 kLargestRecord = 16 << 20;
+
 int records_in_folder()
 {
     return QDir("veltrainfo").entryList({"*.info2"}, QDir::Files).size();
@@ -47,9 +58,11 @@ int records_in_folder()
 
 // The library reads "remain" and "uploadintval" as ints, and a typo reads as 0: with "remain" 0
 // or less every record is expired before it is sent, with "uploadintval" 0 every record is due.
-void check_system_settings(options& opts)
+// The manager's settings are a checked copy of ./res/system.ini: a serialised QVariant in the file
+// would crash a QSettings reading it directly.
+void check_system_settings(VeltraInfoMgr* manager, options& opts)
 {
-    const QSettings system("./res/system.ini", QSettings::IniFormat);
+    const QSettings& system = static_cast<windows_information_imp*>(manager)->systemSettings;
     const QVariant remain = system.value("remain");
     if (remain.isValid() && remain.toInt() <= 0) {  // what is not a whole number reads as 0
         std::fprintf(stderr, "warning: \"remain\" is \"%s\" in ./res/system.ini, not a positive whole "
@@ -65,6 +78,27 @@ void check_system_settings(options& opts)
                      qPrintable(interval.toString()));
 }
 
+// A lock that names no process (empty or garbage: a run killed while creating it, a power loss;
+// a symbolic link or a folder, which no uploader makes) would block every run for ever: QLockFile
+// ages such a lock only by time, and a --watch run's lock must never age. It is removed under the
+// removal lock QLockFile itself uses, unless it is a regular file younger than a few seconds:
+// the lock of an uploader starting this instant is empty until its process id is written.
+bool remove_nameless_lock(QLockFile& lock)
+{
+    QLockFile removal(kLockPath + ".rmlock");
+    qint64 pid = 0;
+    QString host, app;
+    struct stat st;
+    const QByteArray path = QFile::encodeName(kLockPath);
+    if (!removal.tryLock() || lock.getLockInfo(&pid, &host, &app))
+        return false;
+    if (::lstat(path.constData(), &st) != 0)
+        return errno == ENOENT;  // gone meanwhile: try again
+    if (S_ISREG(st.st_mode) && std::time(nullptr) - st.st_mtime < 5)
+        return false;
+    return S_ISDIR(st.st_mode) ? ::rmdir(path.constData()) == 0 : ::unlink(path.constData()) == 0;
+}
+
 // Two uploaders on one folder would send every record twice; a record the uploader cannot remove
 // would be sent again by every run. Returns 0 when this run may send, else its exit status.
 int claim_record_folder(QLockFile& lock)
@@ -77,7 +111,8 @@ int claim_record_folder(QLockFile& lock)
         return some_failed;
     }
     lock.setStaleLockTime(0);  // only a dead owner's lock is stale: a --watch run holds it for days
-    if (lock.tryLock())
+    if (lock.tryLock()
+        || (lock.error() == QLockFile::LockFailedError && remove_nameless_lock(lock) && lock.tryLock()))
         return 0;
     if (lock.error() != QLockFile::LockFailedError) {
         std::fprintf(stderr, "cannot create the lock in ./veltrainfo/; nothing sent\n");
@@ -85,22 +120,100 @@ int claim_record_folder(QLockFile& lock)
     }
     qint64 pid = 0;
     QString host, app;
-    const QString owner = lock.getLockInfo(&pid, &host, &app)
-                              ? QString("%1 (pid %2 on %3)").arg(app).arg(pid).arg(host)
-                              : QString("another information_uploader");
-    std::fprintf(stderr, "./veltrainfo/ is in use by %s; nothing sent\n", qPrintable(owner));
+    if (lock.getLockInfo(&pid, &host, &app)) {
+        std::fprintf(stderr, "./veltrainfo/ is in use by %s (pid %lld on %s); nothing sent\n",
+                     qPrintable(app), pid, qPrintable(host));
+        return busy;
+    }
+    const QFileInfo in_place(kLockPath);
+    if (in_place.isDir() && !in_place.isSymLink()) {  // a folder is not removed with what it holds
+        std::fprintf(stderr, "%s is a folder that is not empty, not a lock; remove it to let uploads "
+                             "run; nothing sent\n", qPrintable(kLockPath));
+        return some_failed;
+    }
+    std::fprintf(stderr, "./veltrainfo/ is in use by another information_uploader; nothing sent\n");
     return busy;
 }
 
-// A writer killed inside QSettings::sync() leaves its lock and temporary file beside the record
-// ("<record>.lock", "<record>.XXXXXX"); after a day no living writer owns them.
+// A writer killed while it replaced a record leaves its lock and temporary file beside the
+// record: "<record>.lock" and "<record>.XXXXXX" (six letters or digits). After a day no living
+// writer owns them. Nothing else in the folder is touched: it may be the user's.
 void remove_stale_write_leftovers()
 {
+    static const QRegularExpression leftover(R"(^.+\.(info2|score2)\.(lock|[A-Za-z0-9]{6})$)");
     const QDateTime day_ago = QDateTime::currentDateTime().addDays(-1);
     const QDir folder("veltrainfo");
-    for (const QFileInfo& file : folder.entryInfoList({"*.info2.*", "*.score2.*"}, QDir::Files))
-        if (file.lastModified() < day_ago && file.suffix() != "info2" && file.suffix() != "score2")
+    for (const QFileInfo& file : folder.entryInfoList(QDir::Files | QDir::Hidden))
+        if (file.lastModified() < day_ago && leftover.match(file.fileName()).hasMatch())
             QFile::remove(file.filePath());
+}
+
+// Puts a parked record back under its name or, when a record was written under that name
+// meanwhile, under the first free "<stem>-<n>" name: a rename never replaces a file, and both
+// versions stay records.
+bool put_back(QFile& parked, const QString& file)
+{
+    const QFileInfo name(file);
+    for (int n = 0; n < 1000; ++n) {
+        const QString target = n == 0 ? file
+                                      : name.path() + "/" + name.completeBaseName() + "-" + QString::number(n) + "."
+                                            + name.suffix();
+        if (parked.rename(target))
+            return true;
+        if (!QFileInfo::exists(target))
+            return false;
+    }
+    return false;
+}
+
+// A run killed while a record was parked (see remove_if_sent) left it under its parked name: it
+// goes back. It may have been sent; sent twice beats lost.
+void restore_parked_records()
+{
+    const QDir folder("veltrainfo");
+    for (const QString& parked : folder.entryList({kParkedPrefix + "*"}, QDir::Files | QDir::Hidden)) {
+        QFile file(folder.filePath(parked));
+        put_back(file, folder.filePath(parked.mid(kParkedPrefix.size())));
+    }
+}
+
+// Reads a record as the library will send it. The library reads a private copy of the bytes read
+// here, so what is sent is exactly `bytes`, however the host rewrites the record meanwhile.
+bool read_record(VeltraInfoMgr* manager, const QString& file, QByteArray& bytes, QString& data, QString& type)
+{
+    QFile record(file);
+    QTemporaryFile copy;
+    if (!QFileInfo(file).isFile() || !record.open(QIODevice::ReadOnly))  // a FIFO would block
+        return false;
+    bytes = record.read(kLargestRecord + 1);
+    return copy.open() && copy.write(bytes) == bytes.size() && copy.flush()
+           && manager->get_scan_info(copy.fileName(), data, type) == 0 && !type.isEmpty();
+}
+
+enum class removal { removed, changed, failed };
+
+// Deletes a confirmed record only while it holds exactly the bytes sent. A check and a delete by
+// name would race with a host replacing the record (it writes a new file and renames it onto the
+// name): the record is first renamed to a private name in its folder, so nothing can change what
+// is compared and deleted. A changed record goes back for the next run (see put_back).
+removal remove_if_sent(const QString& file, const QByteArray& sent, QString& error)
+{
+    const QString parked = QFileInfo(file).path() + "/" + kParkedPrefix + QFileInfo(file).fileName();
+    QFile record(file);
+    if (!record.rename(parked)) {
+        error = record.errorString();
+        return QFileInfo::exists(file) ? removal::failed : removal::removed;  // gone already is fine too
+    }
+    QFile kept(parked);
+    if (kept.open(QIODevice::ReadOnly) && kept.size() == sent.size() && kept.readAll() == sent) {
+        kept.close();
+        if (kept.remove())
+            return removal::removed;
+        error = kept.errorString();
+    } else if (!put_back(kept, file)) {
+        error = kept.errorString();
+    }
+    return error.isEmpty() ? removal::changed : removal::failed;
 }
 
 // Reports arrive on the library's worker thread; they are handed to the uploader's thread.
@@ -136,6 +249,7 @@ public:
     {
         if (!opts_.dry_run) {  // a dry run changes nothing
             remove_stale_write_leftovers();
+            restore_parked_records();
             if (opts_.expire)
                 manager_->clear_timeout_file();
         }
@@ -181,12 +295,13 @@ private:
             const QString file = pending_.front();
             pending_.pop_front();
             QString data, type;
-            if (manager_->get_scan_info(file, data, type) != 0 || type.isEmpty()) {
+            QByteArray bytes;
+            if (!read_record(manager_, file, bytes, data, type)) {
                 fail(file, QStringLiteral("unreadable record file"));
                 continue;
             }
             const int id = next_id_++;
-            in_flight_[id] = file;
+            in_flight_[id] = {file, bytes};
             upload_information(url_, data, app_id_, type, &sink_, id, opts_.timeout_ms);
         }
     }
@@ -198,14 +313,18 @@ private:
             return;  // a repeated report for a connection already ended
         if (!info.ok && info.ret == 7 && info.msg.isEmpty())
             return;  // the reply's error signal; its end follows with the error's text
-        const QString file = it->second;
+        const auto [file, sent] = it->second;
         in_flight_.erase(it);
         release_connect(id);
-        QFile record(file);
-        if (info.ok && (record.remove() || !record.exists())) {  // gone already is fine too
+        QString error;
+        const removal removed = info.ok ? remove_if_sent(file, sent, error) : removal::failed;
+        if (removed != removal::failed) {
             ++uploaded_;
+            if (removed == removal::changed)
+                std::fprintf(stderr, "%s changed while it was sent: the new version stays for the "
+                                     "next run\n", qPrintable(file));
         } else if (info.ok) {
-            fail(file, "uploaded, but not removed (" + record.errorString() + "); the next run sends it again");
+            fail(file, "uploaded, but not removed (" + error + "); the next run sends it again");
         } else {
             fail(file, info.msg.isEmpty() ? QStringLiteral("network error %1").arg(info.net_error)
                                           : info.msg);
@@ -256,7 +375,7 @@ private:
     forwarding_sink sink_;
     const bool tty_;
     std::deque<QString> pending_;
-    std::map<int, QString> in_flight_;
+    std::map<int, std::pair<QString, QByteArray>> in_flight_;  // record file and the bytes sent
     int next_id_ = 1;
     int total_ = 0;
     int uploaded_ = 0;
@@ -270,9 +389,10 @@ bool parse(const QCoreApplication& app, options& opts, QString& dir)
     QCommandLineParser parser;
     parser.setApplicationDescription(
         "Uploads the due records of ./veltrainfo/ to the collection service and deletes each one "
-        "the service confirmed.\n\nExit status: 0 every due record uploaded, 1 some not uploaded "
-        "(or records cannot be removed from ./veltrainfo/), 2 bad usage, 3 uploading disabled, "
-        "4 another uploader works on the folder.");
+        "the service confirmed while it still holds what was sent.\n\nExit status: 0 every due "
+        "record uploaded, 1 some not uploaded (or records cannot be removed from ./veltrainfo/, or "
+        "a folder with files in it stands where the uploader's lock goes), 2 bad usage, 3 "
+        "uploading disabled, 4 another uploader works on the folder.");
     parser.addHelpOption();
     parser.addVersionOption();
     const QCommandLineOption dir_option({"d", "dir"}, "Directory holding ./veltrainfo/ and ./res/.", "dir");
@@ -354,8 +474,8 @@ int main(int argc, char** argv)
         information_clean();
         return disabled;
     }
-    check_system_settings(opts);
-    QLockFile lock("veltrainfo/.information_uploader.lock");
+    check_system_settings(manager, opts);
+    QLockFile lock(kLockPath);
     if (!opts.dry_run) {
         if (const int refused = claim_record_folder(lock)) {
             information_clean();

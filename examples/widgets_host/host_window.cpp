@@ -1,6 +1,7 @@
 #include "host_window.h"
 
 #include <information_api/transport_security.h>
+#include <information_api/windows_information_imp.h>
 
 #include <QCheckBox>
 #include <QDateTime>
@@ -19,7 +20,9 @@
 #include <QProgressBar>
 #include <QPushButton>
 #include <QSettings>
+#include <QSignalBlocker>
 #include <QSpinBox>
+#include <QTemporaryDir>
 #include <QUrl>
 #include <QVBoxLayout>
 
@@ -31,6 +34,9 @@ const QString kSoftwareName = "ExampleScan";  // also names the interface file o
 const int kRequestTimeoutMs = 15000;
 const int kDownloadStallMs = 30000;
 const int kProgressSteps = 1000;  // per mille: installers may be larger than an int counts
+// Each open connection holds a network access manager and its thread until it is released: a
+// backlog of thousands of records sent at once runs out of threads and file descriptors.
+const int kRecordsInFlight = 4;
 
 // What the application knows about the connected device. The record builders take references.
 struct device {
@@ -49,6 +55,17 @@ QString describe(const response_info_t& info)
     if (info.ret == 6)
         return QObject::tr("no answer in time");
     return info.msg.isEmpty() ? QObject::tr("network error %1").arg(info.net_error) : info.msg;
+}
+
+// "enable" as ./res/system.ini holds it now. QSettings objects of one file share the changes that
+// one of them failed to write, so the file is read through a copy.
+int enable_on_disk()
+{
+    const QTemporaryDir dir;
+    const QString copy = dir.filePath("system.ini");
+    if (!QFile::copy("./res/system.ini", copy))
+        return 0;
+    return QSettings(copy, QSettings::IniFormat).value("enable").toInt();
 }
 
 QString describe_download_failure(int code, int net_error)
@@ -105,6 +122,7 @@ host_window::host_window(information_api::VeltraInfoMgr* manager, service_locati
 
     activity_ = new QListWidget;
     activity_->setObjectName("activity");
+    activity_->setUniformItemSizes(true);  // one line each: adding one costs the same at any length
     auto* central = new QWidget;
     auto* layout = new QVBoxLayout(central);
     layout->addWidget(create_consent_box());
@@ -221,12 +239,28 @@ QWidget* host_window::create_updates_box()
 void host_window::set_consent(bool on)
 {
     // The user's choice lives where the library (and information_uploader) read it.
-    QSettings system("./res/system.ini", QSettings::IniFormat);
-    system.setValue("enable", on ? 1 : 0);
-    system.sync();
+    QSettings::Status status;
+    {
+        QSettings system("./res/system.ini", QSettings::IniFormat);
+        system.setValue("enable", on ? 1 : 0);
+        system.sync();
+        status = system.status();
+    }
+    // Qt can report a failed write as none (a full disk): what counts is what the file holds.
+    const bool saved_on = enable_on_disk() != 0;
+    if (status != QSettings::NoError || saved_on != on) {
+        const QSignalBlocker quiet(consent_);
+        consent_->setChecked(saved_on);  // what the next start will do
+        records_waiting_.clear();
+        log(tr("Your choice could not be saved in ./res/system.ini, which still has usage statistics "
+               "%1; nothing is sent").arg(saved_on ? tr("on") : tr("off")));
+        return;
+    }
     log(on ? tr("Usage statistics on") : tr("Usage statistics off: nothing more is sent"));
     if (on)
         upload_due_records();
+    else
+        records_waiting_.clear();
 }
 
 void host_window::upload_due_records()
@@ -237,32 +271,48 @@ void host_window::upload_due_records()
     if (enable == 0)
         return;  // without the user's consent no record leaves the machine
     manager_->clear_timeout_file();  // records older than "remain" days are dropped unsent
+    // This run's usage record is still open: information_clean() rewrites it with the run's end,
+    // so sent now it would reach the service twice. It goes at a later start.
+    const auto* records = dynamic_cast<information_api::windows_information_imp*>(manager_);
+    const QFileInfo own_usage(records ? records->usageFilePath : QString());
     QStringList due;
     manager_->get_upload_files(due);
-    for (const QString& path : due) {
+    QSet<QString> queued(records_waiting_.cbegin(), records_waiting_.cend());
+    queued.unite(records_in_flight_);
+    for (const QString& path : due)
+        if (!queued.contains(path) && QFileInfo(path) != own_usage)
+            records_waiting_ << path;
+    log(tr("%n record(s) due for upload", nullptr, int(records_waiting_.size() + records_in_flight_.size())));
+    send_waiting_records();
+}
+
+void host_window::send_waiting_records()
+{
+    int enable = 0, interval = 0;
+    QString url, app_id, extra;
+    manager_->get_upload_config(enable, interval, url, app_id, extra);
+    while (records_in_flight_.size() < kRecordsInFlight && !records_waiting_.isEmpty()) {
+        const QString path = records_waiting_.takeFirst();
         QString data, type;
-        if (records_in_flight_.contains(path) || manager_->get_scan_info(path, data, type) != 0)
+        if (manager_->get_scan_info(path, data, type) != 0)
             continue;
         records_in_flight_.insert(path);
         const int id = open_connection([this, path, type](const response_info_t& info) {
             records_in_flight_.remove(path);
+            send_waiting_records();  // the next one starts before this one is accounted for
             // Deleted only once the service confirmed it; any other outcome keeps it for the
             // next start.
-            if (!info.ok) {
-                ++not_sent_;
-                log(tr("The %1 record was not sent (%2); it is kept").arg(type, describe(info)));
-            } else if (QFile::remove(path) || !QFile::exists(path)) {
-                ++sent_;
-                log(tr("Sent the %1 record").arg(type));
-            } else {
-                ++sent_;
-                log(tr("Sent the %1 record, but it could not be removed: it is sent again").arg(type));
-            }
+            QString outcome = tr("Sent the %1 record").arg(type);
+            if (!info.ok)
+                outcome = tr("The %1 record was not sent (%2); it is kept").arg(type, describe(info));
+            else if (!QFile::remove(path) && QFile::exists(path))
+                outcome += tr(", but it could not be removed: it is sent again");
+            ++(info.ok ? sent_ : not_sent_);
             show_upload_status();
+            log(outcome);
         });
         information_api::upload_information(url, data, app_id, type, &sink_, id, kRequestTimeoutMs);
     }
-    log(tr("%n record(s) due for upload", nullptr, int(due.size())));
 }
 
 void host_window::show_upload_status()

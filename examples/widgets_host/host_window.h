@@ -1,5 +1,6 @@
 // The main window of a small scanning application that uses information_api as a real host does:
-// it writes records on the user's actions, uploads the due ones at start once the user agreed,
+// it writes records on the user's actions, uploads the due ones (a few at a time, never this
+// run's own usage record) at start once the user agreed,
 // fetches the interface file and downloads a verified installer. The library reports on its worker
 // thread; every report is handed to the window's thread before a widget is touched.
 #pragma once
@@ -9,6 +10,7 @@
 #include <QMainWindow>
 #include <QSet>
 #include <QString>
+#include <QStringList>
 
 #include <functional>
 #include <map>
@@ -62,6 +64,7 @@ private:
 
     void set_consent(bool on);
     void upload_due_records();
+    void send_waiting_records();
     void show_upload_status();
 
     void record_scan();
@@ -85,6 +88,7 @@ private:
     QString interface_base_url_;
     report_forwarder sink_{this};
     std::map<int, final_report_handler> open_connections_;
+    QStringList records_waiting_;  // due, not yet sent: a few go at a time
     QSet<QString> records_in_flight_;
     int next_connection_id_ = 1;
     int download_id_ = 0;
