@@ -21,10 +21,18 @@
 #include <QUrl>
 
 #include <algorithm>
+#include <cerrno>
 #include <ctime>
+#include <memory>
 #include <mutex>
 #include <string>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
+#if defined(__linux__)
+#include <linux/magic.h>
+#include <sys/vfs.h>
+#endif
 
 QHttpPart part_parameter(QString name, QString value)
 {
@@ -39,9 +47,70 @@ namespace information_api {
 
 namespace {
 
-// An answer bigger than this is abandoned: it would only be buffered to be parsed, and a hostile
-// or broken server must not be able to exhaust the host's memory.
-constexpr qint64 kMaxAnswerBytes = 64 << 20;
+// Answers larger than these are abandoned as they arrive, before Qt has buffered them whole for a
+// handler. Record and file answers are a few dozen bytes, and the JSON reader that takes them
+// spends about 150 bytes per element: 16 KiB cost it at most 3 MiB and a few milliseconds. The
+// interface file, read by Qt at about 10 bytes per element, is a configuration: 1 MiB costs at
+// most 10 MiB and 35 ms.
+constexpr qint64 kMaxServiceAnswerBytes = 16 << 10;
+constexpr qint64 kMaxInterfaceFileBytes = 1 << 20;
+constexpr qint64 kMaxCaFileBytes = 16 << 20;
+
+// Kernel pseudo-files claim to be regular, but their size says nothing about their content.
+bool on_pseudo_file_system(int fd)
+{
+#if defined(__linux__)
+    struct statfs fs;
+    if (fstatfs(fd, &fs) != 0)
+        return true;
+    switch (fs.f_type) {
+    case PROC_SUPER_MAGIC: case SYSFS_MAGIC: case DEBUGFS_MAGIC: case TRACEFS_MAGIC:
+    case SECURITYFS_MAGIC: case CGROUP_SUPER_MAGIC: case CGROUP2_SUPER_MAGIC:
+        return true;
+    }
+#else
+    Q_UNUSED(fd);
+#endif
+    return false;
+}
+
+// Opens `path` for reading only if it is a regular file; null otherwise. Opening a FIFO would
+// block until a writer comes, and Qt's multipart device writes past its buffer when a device or
+// a pseudo-file yields more than its size. Checked before opening (opening a device may act) and
+// again on what was opened.
+std::unique_ptr<QFile> open_regular_file(const QString& path)
+{
+    const QByteArray name = QFile::encodeName(path);
+    struct stat info;
+    if (name.isEmpty() || ::stat(name.constData(), &info) != 0 || !S_ISREG(info.st_mode))
+        return nullptr;
+    const int fd = ::open(name.constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0)
+        return nullptr;
+    auto file = std::make_unique<QFile>(path);
+    if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) || on_pseudo_file_system(fd) ||
+        !file->open(fd, QIODevice::ReadOnly, QFileDevice::AutoCloseHandle)) {
+        ::close(fd);
+        return nullptr;
+    }
+    return file;
+}
+
+// A download may replace a regular file or create a new name, nothing else: QSaveFile would write
+// through a symbolic link, and replace a FIFO or a device node.
+bool may_replace(const QString& path)
+{
+    struct stat info;
+    return ::lstat(QFile::encodeName(path).constData(), &info) != 0 ? errno == ENOENT : S_ISREG(info.st_mode);
+}
+
+// A header line ends at CR or LF: one inside a name or value would start a header of the sender's
+// choosing. Taken up to the first NUL, as before.
+QByteArray header_field(const char* text)
+{
+    QByteArray field(text);
+    return field.replace('\r', QByteArray()).replace('\n', QByteArray());
+}
 
 // Same test as the regular expression "^[Hh][Tt]{2}[Pp][Ss]:", without compiling one per request.
 bool is_https_url(const QString& url)
@@ -69,18 +138,21 @@ transport_policy current_policy()
     return policy;
 }
 
-// The reply property that says why the library ended a reply itself.
+// The reply properties that say why the library ended a reply itself, and as which error.
 const char* const kRefusal = "information_api_refusal";
+const char* const kRefusalCode = "information_api_refusal_code";
 
 // Configures TLS for a request to `url` under the current policy; false when the policy forbids
-// sending it at all (anything but https while verifying). `seed_rule_applies`: whether the
+// sending it at all (anything but https while verifying or pinning). `default_applies`: whether the
 // default configuration is given to this URL (some requests give it only to https URLs).
-bool secure_request(QNetworkRequest& request, const QString& url, bool seed_rule_applies)
+bool secure_request(QNetworkRequest& request, const QString& url, bool default_applies)
 {
     const transport_policy current = current_policy();
     QSslConfiguration config = request.sslConfiguration();
     if (!current.verify) {
-        if (!seed_rule_applies)
+        if (!current.pins.isEmpty() && !is_https_url(url))
+            return false;  // a pin cannot be checked without TLS
+        if (!default_applies)
             return true;
         config.setPeerVerifyMode(QSslSocket::VerifyNone);
         config.setProtocol(QSsl::TlsV1_2);
@@ -96,36 +168,61 @@ bool secure_request(QNetworkRequest& request, const QString& url, bool seed_rule
     return true;
 }
 
-// While verifying: a failed verification is reported with the TLS errors' own text, and a
-// server whose key is not pinned is cut off where Qt reports the connection encrypted, which is
-// before the request is written.
+void mark_refused(QNetworkReply* reply, QNetworkReply::NetworkError code, const QString& why)
+{
+    reply->setProperty(kRefusal, why);
+    reply->setProperty(kRefusalCode, int(code));
+}
+
+// While verifying, a failed verification is reported with the TLS errors' own text. Whenever pins
+// are set, a server whose key is not pinned is cut off where Qt reports the connection encrypted,
+// which is before the request is written.
 void check_server(QNetworkReply* reply)
 {
     const transport_policy current = current_policy();
-    if (!current.verify)
-        return;
-    QObject::connect(reply, &QNetworkReply::sslErrors, reply, [reply](const QList<QSslError>& errors) {
-        QStringList texts;
-        for (const QSslError& e : errors)
-            texts << e.errorString();
-        reply->setProperty(kRefusal, QStringLiteral("SSL handshake failed: ") + texts.join(QStringLiteral("; ")));
-    });
+    if (current.verify) {
+        QObject::connect(reply, &QNetworkReply::sslErrors, reply, [reply](const QList<QSslError>& errors) {
+            QStringList texts;
+            for (const QSslError& e : errors)
+                texts << e.errorString();
+            mark_refused(reply, QNetworkReply::SslHandshakeFailedError,
+                         QStringLiteral("SSL handshake failed: ") + texts.join(QStringLiteral("; ")));
+        });
+    }
     if (current.pins.isEmpty())
         return;
     QObject::connect(reply, &QNetworkReply::encrypted, reply, [reply, pins = current.pins] {
         const QByteArray key = reply->sslConfiguration().peerCertificate().publicKey().toDer();
         if (pins.contains(QCryptographicHash::hash(key, QCryptographicHash::Sha256).toBase64()))
             return;
-        reply->setProperty(kRefusal, QStringLiteral("public key pin mismatch"));
+        mark_refused(reply, QNetworkReply::SslHandshakeFailedError, QStringLiteral("public key pin mismatch"));
         reply->abort();
     });
+}
+
+void limit_answer(QNetworkReply* reply, qint64 limit)
+{
+    // On the length announced and on what has arrived (Qt's progress signal comes too late: its
+    // last one follows the reply's end).
+    const auto check = [reply, limit] {
+        const qint64 announced = reply->header(QNetworkRequest::ContentLengthHeader).toLongLong();
+        if ((announced <= limit && reply->bytesAvailable() <= limit) || reply->property(kRefusalCode).isValid())
+            return;
+        LOG(WARNING) << "answer larger than " << limit << " bytes, abandoned";
+        mark_refused(reply, QNetworkReply::OperationCanceledError,
+                     QStringLiteral("answer larger than %1 bytes, abandoned").arg(limit));
+        reply->abort();  // ends as a network error
+    };
+    QObject::connect(reply, &QNetworkReply::metaDataChanged, reply, check);
+    QObject::connect(reply, &QNetworkReply::readyRead, reply, check);
 }
 
 // A reply's error as the sink hears it: one the library ended itself, or that failed
 // verification, reports why.
 int reply_error(const QNetworkReply* reply)
 {
-    return reply->property(kRefusal).isValid() ? int(QNetworkReply::SslHandshakeFailedError) : int(reply->error());
+    const QVariant refused = reply->property(kRefusalCode);
+    return refused.isValid() ? refused.toInt() : int(reply->error());
 }
 
 QString reply_error_text(const QNetworkReply* reply)
@@ -148,7 +245,7 @@ public:
         idle_.setInterval(timeout_ms);
     }
 
-    bool open() { return file_.open(QIODevice::WriteOnly); }
+    bool open() { return may_replace(file_.fileName()) && file_.open(QIODevice::WriteOnly); }
 
     // Ends before anything was sent; reported from the connector's thread, as any outcome is.
     void fail_unsent(int code, int net_error)
@@ -284,6 +381,16 @@ http_connector::http_connector(int id, information_sink* sink, QObject* parent)
     manager = new QNetworkAccessManager(this);
     connect(manager, SIGNAL(finished(QNetworkReply*)), this, SLOT(replyFinished(QNetworkReply*)));
     connect(timer_, SIGNAL(timeout()), this, SLOT(timeout_event()));
+    // A connector serves one request. Once it has ended and been handled (every kind, downloads
+    // too), the manager goes: in Qt 5 it keeps a thread and its descriptors until deleted, and an
+    // unreleased connection would hold them for ever. Its replies go with it.
+    connect(manager, &QNetworkAccessManager::finished, this, [this] {
+        if (!manager)
+            return;
+        manager->deleteLater();
+        manager = nullptr;
+        reply_ = nullptr;
+    }, Qt::QueuedConnection);
 }
 
 http_connector::~http_connector()
@@ -311,6 +418,8 @@ json_handler* http_connector::choose_handler(const std::string&)
 
 void http_connector::start_timeout(int timeout_ms)
 {
+    if (timeout_ms <= 0)
+        return;  // no time-out: 0 would report one on every turn of the loop, a negative one warn
     timer_->setInterval(timeout_ms);
     if (!g_api_thread) {  // the connector stays on the caller's thread, and so does its timer
         timer_->start();
@@ -321,6 +430,8 @@ void http_connector::start_timeout(int timeout_ms)
     // running leaves Qt's registration behind if the worker stops first). A reply that has
     // already ended by then, as a refused or malformed request does at once, needs none.
     QMetaObject::invokeMethod(this, [this] {
+        if (!manager)
+            return;  // the request has ended and been handled
         const auto replies = manager->findChildren<QNetworkReply*>();
         if (std::any_of(replies.begin(), replies.end(), [](QNetworkReply* r) { return !r->isFinished(); }))
             timer_->start();
@@ -361,12 +472,13 @@ void http_connector::send_request(const std::string& path, const QString& body,
     request_.setHeader(QNetworkRequest::ContentTypeHeader,
                        QStringLiteral("application/json;charset=utf-8"));
     for (const auto& header : headers)
-        request_.setRawHeader(QByteArray(header.first.c_str()), QByteArray(header.second.c_str()));
+        request_.setRawHeader(header_field(header.first.c_str()), header_field(header.second.c_str()));
 
     start_timeout(timeout_ms);
     choose_handler("");
     reply_ = manager->post(request_, body.toUtf8());
     check_server(reply_);
+    limit_answer(reply_, kMaxServiceAnswerBytes);
     connect_reply_slots();
     bytes_received_ = 0;
     last_activity_ = processor_seconds();
@@ -410,10 +522,6 @@ void http_connector::http_ready_read()
     if (reply_->error() == QNetworkReply::NoError) {
         if (handler_)
             rt_ = handler_->processing(reply_);
-        if (reply_->bytesAvailable() > kMaxAnswerBytes) {
-            LOG(WARNING) << "answer larger than " << kMaxAnswerBytes << " bytes, abandoned";
-            reply_->abort();  // ends as a network error through replyFinished
-        }
         return;
     }
     LOG(INFO) << text;
@@ -477,10 +585,9 @@ int http_connector::send_multipart_request(const QString& path, const QString& f
         refuse_request(url);
         return 0;
     }
-    auto* file = new QFile(file_path);
-    if (!file->open(QIODevice::ReadOnly)) {
+    QFile* file = open_regular_file(file_path).release();
+    if (!file) {
         LOG(INFO) << "file open faied or not readable  !" << file_path.toLocal8Bit().constData();
-        delete file;
         return -1;
     }
     auto* body = new QHttpMultiPart(QHttpMultiPart::FormDataType);
@@ -490,8 +597,8 @@ int http_connector::send_multipart_request(const QString& path, const QString& f
     // Only the first header is sent: the service reads nothing else from a file upload.
     if (!headers.empty()) {
         const auto& header = *headers.begin();
-        request.setRawHeader(QByteArray(header.first.toUtf8().constData()),
-                             QByteArray(header.second.toUtf8().constData()));
+        request.setRawHeader(header_field(header.first.toUtf8().constData()),
+                             header_field(header.second.toUtf8().constData()));
     }
 
     QHttpPart file_part;
@@ -508,6 +615,7 @@ int http_connector::send_multipart_request(const QString& path, const QString& f
     handler_ = new upload_file_handler(sink_, id_);
     QNetworkReply* reply = manager->post(request, body);
     check_server(reply);
+    limit_answer(reply, kMaxServiceAnswerBytes);
     body->setParent(reply);
     connect(reply, SIGNAL(uploadProgress(qint64, qint64)), this,
             SLOT(update_data_write_progress(qint64, qint64)));
@@ -534,6 +642,7 @@ int http_connector::get_json_file(QString url, int timeout_ms)
     request.setUrl(parsed);
     reply_ = manager->get(request);
     check_server(reply_);
+    limit_answer(reply_, kMaxInterfaceFileBytes);
     LOG(INFO) << "manager->post reply_=" << reinterpret_cast<quintptr>(reply_);
     connect_reply_slots();
     start_timeout(timeout_ms);
@@ -701,10 +810,11 @@ int set_trusted_certificates(const QString& ca_file)
 {
     QList<QSslCertificate> authorities;
     if (!ca_file.isEmpty()) {
-        QFile file(ca_file);
-        if (!file.open(QIODevice::ReadOnly))
+        const std::unique_ptr<QFile> file = open_regular_file(ca_file);
+        const QByteArray pem = file ? file->read(kMaxCaFileBytes + 1) : QByteArray();
+        if (pem.size() > kMaxCaFileBytes)
             return -1;
-        authorities = QSslCertificate::fromData(file.readAll(), QSsl::Pem);
+        authorities = QSslCertificate::fromData(pem, QSsl::Pem);
         if (authorities.isEmpty())
             return -1;
     }

@@ -196,8 +196,8 @@ int downLoadApp(int id, information_sink* sink, const QString& url, const QStrin
 int download_verified(int id, information_sink* sink, const QString& url, const QString& file_path,
                       const QString& sha256_hex, int timeout_ms)
 {
-    static const QRegularExpression sha256(QStringLiteral("^[0-9A-Fa-f]{64}$"));
-    if (file_path.isEmpty() || !sha256.match(sha256_hex).hasMatch())
+    static const QRegularExpression sha256(QStringLiteral("\\A[0-9A-Fa-f]{64}\\z"));  // "$" admits a final "\n"
+    if (file_path.isEmpty() || !sha256.match(sha256_hex).hasMatch() || timeout_ms <= 0)
         return -1;
     http_connector* connector = open_connection(id, sink);
     connector->download_verified_file(url, file_path, sha256_hex, timeout_ms);

@@ -38,7 +38,7 @@ class http_connector;
 /// |---|---|---|---|---|---|
 /// | 0 | true | 0 | "Unknown error" (Qt's text for no error) | the service answered "status" "success" (uploads), or the interface file is a non-empty JSON document (fetch) | yes |
 /// | 6 | false | -1 | "timeout" | nothing arrived for `timeout` ms since the request was sent; repeated every `timeout` ms for as long as the request runs | no: a success or a failure may follow |
-/// | 7 | false | the `QNetworkReply::NetworkError` | empty, the reply's error text, or why the transport policy refused | network error: no connection, TLS failure, an HTTP error status, an answer over 64 MiB (abandoned), or a URL the transport policy refuses (transport_security.h) | yes, but usually reported more than once |
+/// | 7 | false | the `QNetworkReply::NetworkError` | empty, the reply's error text, or why the transport policy refused | network error: no connection, TLS failure, an HTTP error status, a record or file answer over 16 KiB or an interface file over 1 MiB (abandoned: `net_error` 5, `msg` "answer larger than 16384 bytes, abandoned"), or a URL the transport policy refuses (transport_security.h) | yes, but usually reported more than once |
 /// | 10 | false | -2 | record upload: the service's "result" text, else the reply's error text; file upload and fetch: the reply's error text | failed response: the answer's "status" is not "success", the answer is not JSON or nested deeper than 512 levels, or the interface file is empty (also an empty array or object) | yes |
 ///
 /// A failed request usually reports ret 7 twice under its id: first from the reply's error
@@ -141,16 +141,17 @@ INFORMATION_API_EXPORT int release_connect(int id);
 ///
 /// Sends `body`, the record's JSON text (the `data` of VeltraInfoMgr::get_scan_info()), as UTF-8
 /// to `<base_url>?type=<type>` with the headers `Content-Type: application/json;charset=utf-8`
-/// and `X-Auth-AppID: <app_id>`. `base_url` and `app_id` come from
-/// VeltraInfoMgr::get_upload_config(); `type` is the record's kind, the `type` of get_scan_info().
+/// and `X-Auth-AppID: <app_id>` (a CR or LF in `app_id` is dropped: it cannot start a header of
+/// its own). `base_url` and `app_id` come from VeltraInfoMgr::get_upload_config(); `type` is the
+/// record's kind, the `type` of get_scan_info().
 /// The result reaches `sink` through information_sink::on_response(): ret 0 when the service
 /// answered "status" "success", 10 when it refused (`msg` holds its "result" text).
 ///
 /// `id` names the connection in every report and in release_connect(). Give every open connection
 /// a fresh id: a request under an id still open takes that id over, and the earlier one goes on
-/// reporting under it, beyond release_connect()'s reach. `timeout` (ms, positive) arms the
-/// time-out: a ret 6 report follows every `timeout` ms until the answer begins to arrive; the
-/// request itself is never abandoned for it.
+/// reporting under it, beyond release_connect()'s reach. `timeout` (ms) arms the time-out: a
+/// ret 6 report follows every `timeout` ms until the answer begins to arrive; the request itself
+/// is never abandoned for it. A `timeout` of 0 or less means no time-out at all.
 /// @return 0, at once.
 INFORMATION_API_EXPORT int upload_information(const QString& base_url, const QString& body,
                                               const QString& app_id, const QString& type,
@@ -166,8 +167,10 @@ INFORMATION_API_EXPORT int upload_information(const QString& base_url, const QSt
 /// service's own text is not passed on). `id`, `sink` and `timeout` as for upload_information();
 /// the time-out ends with the first bytes sent. `extra` is ignored.
 ///
-/// A file that cannot be opened is not sent and nothing is reported; the connection is registered
-/// all the same, so release it.
+/// Only a regular file is sent. One that is missing or unreadable, or is not a regular file (a
+/// directory, a FIFO, a device, a kernel pseudo-file under /proc or /sys), is not sent and
+/// nothing is reported: check the file first. The connection is registered all the same, so
+/// release it.
 /// @return 0, at once.
 INFORMATION_API_EXPORT int upload_file(const QString& base_url, const QString& file_path,
                                        const QString& app_id, const QString& extra,
