@@ -3,6 +3,7 @@
 // many upload-and-release cycles, and 200 MB attachment uploads and installer downloads (peak
 // memory and rate, against libcurl). Each figure comes with its baseline from the same run.
 #include <information_api/information_api.h>
+#include <information_api/queued_sink.h>
 #include <tools/collection_service/collection_service.h>
 
 #include <benchmark/benchmark.h>
@@ -93,27 +94,21 @@ QString record_url(bool prompt_ack = false)
     return QString::fromStdString(service(prompt_ack).base_url() + "/dtta");
 }
 
-// Hands each report to the benchmark's thread, where the next upload is issued.
-class driver : public information_sink {
+// Runs each report on the benchmark's thread, where the next upload is issued.
+class driver : public queued_sink {
 public:
+    driver()
+        : queued_sink(QCoreApplication::instance(),
+                      [this](int id, const response_info_t& info) { on_report(id, info.ok); },
+                      [this](qint64 received, qint64 total) {
+                          if (received == total && total > 0)
+                              last_byte = steady::now();
+                      },
+                      [this](bool, int, int) { on_report(-1, true); })
+    {
+    }
     std::function<void(int, bool)> on_report;
-    void on_response(int id, QVariant result) override
-    {
-        const bool ok = result.value<response_info_t>().ok;
-        QMetaObject::invokeMethod(QCoreApplication::instance(), [this, id, ok] { on_report(id, ok); },
-                                  Qt::QueuedConnection);
-    }
-    void on_download_progress(qint64 received, qint64 total) override
-    {
-        if (received == total && total > 0)
-            last_byte = steady::now();
-    }
-    void on_download_finished(bool, int, int) override
-    {
-        QMetaObject::invokeMethod(QCoreApplication::instance(), [this] { on_report(-1, true); },
-                                  Qt::QueuedConnection);
-    }
-    std::atomic<steady::time_point> last_byte{};
+    steady::time_point last_byte{};
 };
 
 // Uploads `count` records with `in_flight` connections open at once; returns records per second.
@@ -403,7 +398,7 @@ void BM_installer_download(benchmark::State& state)
         start = steady::now();
         downLoadApp(2, &sink, QString::fromStdString(url), "installer.exe");
         loop.exec();
-        const auto elapsed = sink.last_byte.load() - start;
+        const auto elapsed = sink.last_byte - start;
         library = mb_per_s(elapsed);
         library_peak = peak_rss_kib() - base;
         release_connect(2);

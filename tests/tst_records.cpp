@@ -5,6 +5,7 @@
 
 #include <information_api/http.h>
 #include <information_api/json_handler.h>
+#include <information_api/queued_sink.h>
 #include <information_api/record_file.h>
 
 #include <atomic>
@@ -178,6 +179,7 @@ private slots:
     void upload_config();
     void due_and_expired_data();
     void due_and_expired();
+    void queued_sink_reports();
     // Hosts built against the library call virtual operations by slot, read data members by offset
     // and address the connector's signals and slots by index (queued connections too): none may move.
     void layout_data();
@@ -692,6 +694,35 @@ void tst_records::layout_data()
         "slot_onDownLoadFileFinished()";
     QTest::newRow("response type name") << QString(QMetaType::typeName(qMetaTypeId<response_info_t>()))
                                         << "information_api::response_info_t";
+}
+
+// Reports made on another thread run in order on the receiver's thread; none once it is destroyed.
+void tst_records::queued_sink_reports()
+{
+    QStringList seen;
+    const auto note = [&](const QString& report) {
+        seen << report + (QThread::currentThread() == thread() ? "" : " off-thread");
+    };
+    auto receiver = std::make_unique<QObject>();
+    queued_sink sink(
+        receiver.get(), [&](int id, const response_info_t& info) { note(QString("%1 %2").arg(id).arg(info.ret)); },
+        [&](qint64 received, qint64 total) { note(QString("%1/%2").arg(received).arg(total)); },
+        [&](bool ok, int code, int net_error) { note(QString("%1 %2 %3").arg(ok).arg(code).arg(net_error)); });
+    response_info_t info;
+    info.ret = 10;
+    std::thread([&] {
+        sink.on_response(3, QVariant::fromValue(info));
+        sink.on_download_progress(5, 9);
+        sink.on_download_finished(false, 9, 0);
+        sink.on_response(4, QVariant::fromValue(info));
+    }).join();
+    QCOMPARE(seen, QStringList());
+    QTRY_COMPARE(seen, QStringList({"3 10", "5/9", "0 9 0", "4 10"}));
+    sink.on_response(5, QVariant::fromValue(info));
+    receiver.reset();
+    sink.on_response(6, QVariant::fromValue(info));
+    QCoreApplication::processEvents();
+    QCOMPARE(seen.size(), 4);
 }
 
 int main(int argc, char** argv)
