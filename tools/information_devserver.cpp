@@ -46,7 +46,8 @@ const char* const kDescription =
     "Uploading to it with verification (it prints the pin at start):\n"
     "  information_uploader --url $(cat DIR/url)/dtta --ca-file DIR/ca.pem --pin PIN\n"
     "\n"
-    "Exit status: 0 stopped by SIGINT or SIGTERM, 1 cannot serve, 2 bad usage.";
+    "Exit status: 0 stopped by SIGINT or SIGTERM; 1 cannot serve (the data folder cannot be made, "
+    "the address is taken, DIR/url cannot be written: the message says which); 2 bad usage.";
 
 // Accepted records in arrival order.
 int list(const fs::path& data_dir)
@@ -158,7 +159,11 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "information_devserver: %s\n", service.error().c_str());
         return 1;
     }
-    std::ofstream(fs::path(service.data_dir()) / "url") << service.base_url() << "\n";
+    std::ofstream url_file(fs::path(service.data_dir()) / "url");
+    if (!(url_file << service.base_url() << "\n").flush()) {
+        std::fprintf(stderr, "information_devserver: cannot write %s/url\n", service.data_dir().c_str());
+        return 1;
+    }
     std::printf("listening on %s\n", service.base_url().c_str());
     if (options.tls)
         std::printf("trust %s/ca.pem; public-key pin %s\n", fs::absolute(service.data_dir()).c_str(),

@@ -104,7 +104,10 @@ bool remove_nameless_lock(QLockFile& lock)
 // would be sent again by every run. Returns 0 when this run may send, else its exit status.
 int claim_record_folder(QLockFile& lock)
 {
-    QDir().mkpath("veltrainfo");
+    if (!QDir().mkpath("veltrainfo")) {
+        std::fprintf(stderr, "cannot create ./veltrainfo/; nothing sent\n");
+        return some_failed;
+    }
     QTemporaryFile probe("veltrainfo/.information_uploader.probe");
     if (!probe.open() || !probe.remove()) {
         std::fprintf(stderr, "cannot remove records from ./veltrainfo/ (%s); nothing sent, every "
@@ -373,9 +376,10 @@ bool parse(const QCoreApplication& app, options& opts, QString& dir)
     parser.setApplicationDescription(
         "Uploads the due records of ./veltrainfo/ to the collection service and deletes each one "
         "the service confirmed while it still holds what was sent.\n\nExit status: 0 every due "
-        "record uploaded, 1 some not uploaded (or records cannot be removed from ./veltrainfo/, or "
-        "a folder with files in it stands where the uploader's lock goes), 2 bad usage, 3 "
-        "uploading disabled, 4 another uploader works on the folder.");
+        "record uploaded, 1 some not uploaded (or ./veltrainfo/ cannot be created, or records "
+        "cannot be removed from it, or a folder with files in it stands where the uploader's lock "
+        "goes), 2 bad usage (or --dir cannot be entered), 3 uploading disabled, 4 another uploader "
+        "works on the folder.");
     parser.addHelpOption();
     parser.addVersionOption();
     const QCommandLineOption dir_option({"d", "dir"}, "Directory holding ./veltrainfo/ and ./res/.", "dir");

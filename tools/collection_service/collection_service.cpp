@@ -185,6 +185,10 @@ bool collection_service::start()
     }
     std::error_code ec;
     fs::create_directories(d.data_dir, ec);
+    if (ec || !fs::is_directory(d.data_dir, ec)) {
+        d.error = "cannot create the data folder " + d.data_dir + (ec ? ": " + ec.message() : "");
+        return false;
+    }
     fs::remove_all(fs::path(d.data_dir) / "incoming", ec);  // what a killed run left half-written
     collector::transport_options transport;
     if (d.options.tls) {

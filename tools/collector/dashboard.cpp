@@ -489,8 +489,10 @@ std::string dashboard_token(const std::string& data_dir, std::string& error)
     }
     static const char hex[] = "0123456789abcdef";
     token.clear();
-    for (const unsigned char b : bytes)
-        token += hex[b >> 4], token += hex[b & 15];
+    for (const unsigned char b : bytes) {
+        token += hex[b >> 4];
+        token += hex[b & 15];
+    }
     const mode_t old_mask = ::umask(077);  // 0600 from its first byte
     std::ofstream file(path, std::ios::trunc);
     file << token << '\n';
@@ -540,7 +542,11 @@ bool dashboard_listener::start(const std::string& address, std::string& error)
         return false;
     const std::string shown_host = host.find(':') != std::string::npos ? "[" + host + "]" : host;
     url_ = std::string(tls_ ? "https" : "http") + "://" + shown_host + ":" + std::to_string(server_->port()) + "/";
-    std::ofstream(data_dir_ + "/dashboard_url") << url_ << '\n';
+    std::ofstream url_file(data_dir_ + "/dashboard_url");
+    if (!(url_file << url_ << '\n').flush()) {
+        error = "cannot write " + data_dir_ + "/dashboard_url";
+        return false;
+    }
     std::printf("dashboard on %s\n", url_.c_str());
     std::fflush(stdout);
     return true;
