@@ -37,7 +37,7 @@ using namespace information_api;
 namespace {
 
 using steady = std::chrono::steady_clock;
-const char* const kAppId = "a0f4c9e27d5b3816c4e9a7d2f05b68c1";
+const char* const kAppId = collector::kReleaseAppId;
 const QString kRecord = QString(R"({"seriaNum":"SN-0001","softwareName":"ExampleScan","tracingType":"usage","pad":"%1"})")
                             .arg(QString(600, 'x'));
 

@@ -564,7 +564,7 @@ void tst_records::upload_config()
                  .arg(m->get_reconnect_intval())
                  .replace("https://" RELEASE_SERVICE_HOST "/dtta", "<release>").replace("https://" TEST_SERVICE_HOST "/dtta", "<test>")
                  .replace("https://" TEST_API_HOST "/up", "<files>").replace("https://" CDN_HOST, "<cdn>")
-                 .replace("a0f4c9e27d5b3816c4e9a7d2f05b68c1", "<R>").replace("3c9d0a7e51b24f68e0a7c2d9b4f6e183", "<T>"),
+                 .replace(collector::kReleaseAppId, "<R>").replace(collector::kTestAppId, "<T>"),
              expected);
     QCOMPARE(extra, QString("untouched"));
 }
