@@ -42,7 +42,8 @@ manager_ptr new_manager()
     for (QString* f : {&m->osName, &m->lang, &m->resolution, &m->installPath, &m->cpuCores, &m->cpuModel, &m->memSize,
                        &m->hddSize, &m->hddRemainSize})
         f->clear();
-    m->gpuModels.clear(), m->gpuMemSizes.clear();
+    m->gpuModels.clear();
+    m->gpuMemSizes.clear();
     return m;
 }
 
@@ -78,7 +79,8 @@ template <typename C, typename R, typename... P, typename... A> R call(manager_p
 step usage(QString start = "", int guide = 0, QString modular = "")
 {
     return [=](manager_ptr& m) {
-        return call(m, &W::create_usage_inifo, start, "dev.ple", "3.1", "K300", modular, guide), m->usageFilePath;
+        call(m, &W::create_usage_inifo, start, "dev.ple", "3.1", "K300", modular, guide);
+        return m->usageFilePath;
     };
 }
 
@@ -95,7 +97,8 @@ step calibration(QStringList classes, QStringList pls)
 step share(QString a = "a")
 {
     return [=](manager_ptr& m) {
-        return call(m, &W::create_share_inifo, "share.ple", "K400", "S", "S2", "E2", "t", "n", a, 0), only_record();
+        call(m, &W::create_share_inifo, "share.ple", "K400", "S", "S2", "E2", "t", "n", a, 0);
+        return only_record();
     };
 }
 
@@ -103,9 +106,14 @@ step scan(std::function<void(_tag_scan_info&)> fill)
 {
     return [=](manager_ptr& m) {
         _tag_scan_info info;
-        info.ple = "dev.ple", info.modelName = "K300", info.modular = "M", info.startOn = "S", info.endOn = "E";
+        info.ple = "dev.ple";
+        info.modelName = "K300";
+        info.modular = "M";
+        info.startOn = "S";
+        info.endOn = "E";
         fill(info);
-        return m->add_scan_info(info, 0), only_record();
+        m->add_scan_info(info, 0);
+        return only_record();
     };
 }
 
@@ -208,9 +216,16 @@ void tst_records::builders_data()
     const QString now = "<now>|<now>|", now_usage = R"({"tracingType":"usage","startOn":"<now>","endOn":"<now>")";
 
     row("usage: identity, machine numbers converted, fewer GPU sizes than models", [](manager_ptr& m) {
-            m->setSoftwareName("Studio"), m->setDeviceSerial("SN1"), m->set_sn("ignored");
-            m->cpuCores = "4294967297", m->cpuModel = "cpu", m->memSize = "17179869184", m->hddSize = "disk";
-            m->hddRemainSize = " -5 ", m->gpuModels = QStringList{"A", "B"}, m->gpuMemSizes = QStringList{"4096"};
+            m->setSoftwareName("Studio");
+            m->setDeviceSerial("SN1");
+            m->set_sn("ignored");
+            m->cpuCores = "4294967297";
+            m->cpuModel = "cpu";
+            m->memSize = "17179869184";
+            m->hddSize = "disk";
+            m->hddRemainSize = " -5 ";
+            m->gpuModels = QStringList{"A", "B"};
+            m->gpuMemSizes = QStringList{"4096"};
             return usage()(m);
         }, usage_file, "usage", now_usage + R"(,"softwareName":"Studio","seriaNum":"SN1","osHdExt":{"cpu":[{"cpuCores":0,
             "cpuModel":"cpu"}],"memSize":17179869184,"gpu":[{"gpuModel":"A","gpuMemSize":4096},{"gpuModel":"B"}],"hddSize":0,
@@ -228,12 +243,15 @@ void tst_records::builders_data()
         now + "dev.ple|K300|3.1|||2|");
     row("usage: the end time written as the manager ends", [](manager_ptr& m) {
             const QString path = usage()(m);
-            m->usageRecord["endOn"] = "stale", m->usageRecord["marker"] = 42;  // rewritten from the record in memory
-            return m.reset(), path;
+            m->usageRecord["endOn"] = "stale";  // rewritten from the record in memory
+            m->usageRecord["marker"] = 42;
+            m.reset();
+            return path;
         }, usage_file, "usage", now_usage + R"(,"marker":42})", "ended");
     row("usage: the uploader's manager starts no period", [](manager_ptr& m) {
             QCoreApplication::setApplicationName("information_uploader");
-            return m = std::make_unique<windows_information_imp>(), usage()(m);
+            m = std::make_unique<windows_information_imp>();
+            return usage()(m);
         }, R"(\.info2)", "usage", R"({"tracingType":"usage","startOn":"","endOn":""})", "||dev.ple|K300|3.1|||0|");
 
     row("calibration: shorter lists leave fields empty; the first empty profile listed, later ones skipped",
@@ -253,8 +271,15 @@ void tst_records::builders_data()
     const QString scan_file = R"(\d{4}-\d\d-\d\dT\d\d-\d\d-(0?(\d\d?))\.\1\2Z\.info2)";  // "ss.sss": the seconds twice
     row("scan: modes, alignment lists, box in single precision", scan([](_tag_scan_info& i) {
             i.modes = {{"ms", "me", "hd", "8", "on", {"marker", "feature"}, "turntable"}, {}};
-            i.texture = "tx", i.totalPoint = "1200", i.pointDis = "0.2", i.length = "0.1", i.width = "2", i.height = "0.3";
-            i.handHeldPointGenWay = "hw", i.meshType = "watertight", i.fileName = "a.stl";
+            i.texture = "tx";
+            i.totalPoint = "1200";
+            i.pointDis = "0.2";
+            i.length = "0.1";
+            i.width = "2";
+            i.height = "0.3";
+            i.handHeldPointGenWay = "hw";
+            i.meshType = "watertight";
+            i.fileName = "a.stl";
         }), scan_file, "scan", R"({"tracingType":"scan","softwareVer":"","modularExt":{"ple":"dev.ple","modular":[{"name":"M",
             "sn":"","mple":""}]},"content":{"mode":[{"startOn":"ms","endOn":"me","classsify":"hd","turntableSteps":"8",
             "hdr":"on","alignMode":["marker","feature"],"modular":"turntable"},{"startOn":"","endOn":"","classsify":"",
@@ -263,13 +288,18 @@ void tst_records::builders_data()
             "box":{"length":0.10000000149011612,"width":2,"height":0.30000001192092896}}})", "S|E|dev.ple|K300||M||0|");
     row("scan: no 32-bit count, no finite float, a fraction widened, blanks; a profile without a module name",
         scan([](_tag_scan_info& i) {
-            i.totalPoint = "4294967296", i.length = "nan", i.width = "-0.1", i.height = " 7 ", i.modular = "";
+            i.totalPoint = "4294967296";
+            i.length = "nan";
+            i.width = "-0.1";
+            i.height = " 7 ";
+            i.modular = "";
             i.modularPles = QStringList{"A"};
         }), scan_file, "scan", R"({"tracingType":"scan","softwareVer":"","modularExt":{"ple":"dev.ple","modular":[{"name":"",
             "sn":"","mple":"A"}]},"content":{"texture":"","pointDis":"","handHeldPointGenWay":"","meshType":"","fileName":"",
             "totalPoint":0,"box":{"length":0,"width":-0.10000000149011612,"height":7}}})", "S|E|dev.ple|K300|||A|0|");
     row("flat scan: the envelope's tracing type, nothing stored", [](manager_ptr& m) {
-            m->startOn = "S", m->endOn = "E";
+            m->startOn = "S";
+            m->endOn = "E";
             call(m, &W::create_scan_inifo, "1.5", "2", "3", "f.stl", "way", "mesh", "marker", "cls", "hdr", "top", "s", "e",
                  "0.1", "tex", "12a", "77", 1);
             return only_record();
@@ -300,8 +330,10 @@ void tst_records::builders_data()
     const QStringList ples{"abc-xK300.ple", "abc-xK300.pleK300.ple", "ab-1K300.PLE", "ab-1K300.PLEK300.PLE",
                            "abc-K300.ple", "abc-K300.ple", "-xK300.ple", "-xK300.ple"};
     for (int i = 0; i < ples.size(); i += 2)
-        row(qPrintable("set_ple " + ples[i]), [ple = ples[i]](manager_ptr& m) { return m->set_ple(ple), QString(); }, "", "", "",
-            now + ples[i + 1] + "|||||0|");
+        row(qPrintable("set_ple " + ples[i]), [ple = ples[i]](manager_ptr& m) {
+                m->set_ple(ple);
+                return QString();
+            }, "", "", "", now + ples[i + 1] + "|||||0|");
 }
 
 void tst_records::builders()
@@ -384,7 +416,10 @@ void tst_records::name_taken()
             managers.push_back(std::make_unique<W>());
         const QString returned = QMap<QChar, step>{{'U', usage()}, {'C', calibration({n}, {})}, {'S', share(n)},
             {'X', scan([=](_tag_scan_info& s) { s.fileName = n; })}, {'B', feedback(n + ".ple")}, {'R', score(n, "p")},
-            {'F', [=](manager_ptr& m) { return call(m, &W::create_scan_inifo, "", "", "", n, "", "", "", "", "", "", "", "", "", "", "", "", 0), QString(); }}}
+            {'F', [=](manager_ptr& m) {
+                call(m, &W::create_scan_inifo, "", "", "", n, "", "", "", "", "", "", "", "", "", "", "", "", 0);
+                return QString();
+            }}}
             [kinds[i]](managers.back());
         // Each record under the first free name: <stem>.<ext>, <stem>-1.<ext>, ...; a builder that returns a path returns it.
         paths << (i == 0 ? "./veltrainfo/" + record_files().value(0) : QString(paths[0]).insert(paths[0].lastIndexOf('.'), "-" + n));
@@ -392,9 +427,13 @@ void tst_records::name_taken()
         QVERIFY(!QString("UBR").contains(kinds[i]) || returned == paths[i]);
         written << read_file(paths[i]);
     }
-    for (manager_ptr& m : managers)  // the usage records written once more and closed: each at its own path
-        m->usageFilePath.isEmpty() ? m.reset() : (usage()(m), m.reset());
-    qputenv("TZ", zone_before), record_clock = &QDateTime::currentDateTimeUtc;
+    for (manager_ptr& m : managers) {  // the usage records written once more and closed: each at its own path
+        if (!m->usageFilePath.isEmpty())
+            usage()(m);
+        m.reset();
+    }
+    qputenv("TZ", zone_before);
+    record_clock = &QDateTime::currentDateTimeUtc;
     QCOMPARE(record_files().size(), kinds.size());
     for (int i = 0; i < kinds.size(); ++i) {
         QString data, type;
@@ -426,7 +465,8 @@ void tst_records::not_written()
     else {  // a disk of 256 KiB, mounted in a namespace of this thread's own: it goes with the process
         QVERIFY2(QDir().mkpath("veltrainfo/tmp") && unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
                  mount("tmpfs", folder, "tmpfs", 0, "size=256k") == 0 && QDir().mkpath("veltrainfo/tmp"), strerror(errno));
-        path = usage()(m), before = read_file(path);
+        path = usage()(m);
+        before = read_file(path);
         qputenv("TMPDIR", disk == "block" ? folder + "/tmp" : tmp);
         const int filler = open("veltrainfo/filler", O_WRONLY | O_CREAT, 0600);
         for (const QByteArray page(4096, 'x'); write(filler, page.constData(), page.size()) > 0;) {}
@@ -523,7 +563,9 @@ void tst_records::upload_config_data()
     };
     const auto set_urls = [](QString release, QString test, QString file_release = "", QString file_test = "") -> step {
         return [=](manager_ptr& m) {
-            return call(m, &W::set_upload_url, release, test), call(m, &W::setUploadFileUrl, file_release, file_test), "";
+            call(m, &W::set_upload_url, release, test);
+            call(m, &W::setUploadFileUrl, file_release, file_test);
+            return QString();
         };
     };
     const QVariantMap url_config{{"upload_url", "https://first.example"}};

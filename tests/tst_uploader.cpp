@@ -113,7 +113,10 @@ void tst_uploader::one_run()
     if (condition == read_only)
         QVERIFY(chmod("veltrainfo", 0555) == 0);
     if (condition == read_only_once_sent)
-        service->set_script([](const collection::received_request&) { return chmod("veltrainfo", 0555), std::nullopt; });
+        service->set_script([](const collection::received_request&) {
+            chmod("veltrainfo", 0555);
+            return std::optional<collection::reply>();
+        });
     QStringList args{"--dir", QDir::currentPath(), "--url", record_url(*service), "--timeout", "3000"};
     // Permissions do not bind root: as root, the uploader runs without the capabilities that override them.
     if (geteuid() == 0)
