@@ -1,6 +1,7 @@
 // Writes, through the library, the records the browser test uploads: an ordinary round (its
 // feedback naming the attachment whose dfs_id is the second argument) and a hostile round (markup,
-// event handlers, a very long serial, right-to-left text in the fields the dashboard shows), each a usage, calibration, scan and feedback record.
+// event handlers, a very long serial, right-to-left text in the fields the dashboard shows), each a
+// usage, calibration, scan and feedback record.
 #include <information_api/information_api.h>
 
 #include <QCoreApplication>
