@@ -5,6 +5,7 @@
 // BENCH_DATABASE names one (tools/bench.sh runs this under pg_virtualenv).
 #include <information_api/information_api.h>
 #include <tools/collector/app_ids.h>
+#include <tools/collector/data_folder.h>
 
 #include <benchmark/benchmark.h>
 #include <glog/logging.h>
@@ -150,7 +151,7 @@ qint64 storage_bytes(const QString& name, const QString& database)
     if (database.isEmpty()) {
         qint64 bytes = 0;
         for (const char* suffix : {"", "-wal"})
-            bytes += QFileInfo(work().path() + "/" + name + "/records.sqlite3" + suffix).size();
+            bytes += QFileInfo(work().path() + "/" + name + "/" + collector::data_folder::kRecords + suffix).size();
         return bytes;
     }
     QProcess psql;

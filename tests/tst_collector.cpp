@@ -99,7 +99,7 @@ private:
             QCOMPARE(QProcess::execute("pg_ctlcluster", {qEnvironmentVariable("PGVERSION"), "regress",
                                                          available ? "start" : "stop"}), 0);
         } else if (!available) {
-            QCOMPARE(sqlite3_open((data + "/records.sqlite3").toUtf8(), &holder), SQLITE_OK);
+            QCOMPARE(sqlite3_open((data + "/" + collector::data_folder::kRecords).toUtf8(), &holder), SQLITE_OK);
             QCOMPARE(sqlite3_exec(holder, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr), SQLITE_OK);
         } else {
             sqlite3_close_v2(holder);  // its transaction rolls back
