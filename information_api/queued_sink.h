@@ -20,7 +20,10 @@ namespace information_api {
 /// `receiver` owns. The sink itself may be deleted once its connections have ended (see
 /// information_sink); reports it already queued still arrive.
 ///
-/// An empty handler drops its reports. Example, in a window that owns the sink:
+/// An empty handler drops its reports without queuing them. A download reports its progress many
+/// times a second; each report waits in the receiver's queue until that thread gets to it, so a
+/// host that does not show progress passes no progress handler. Example, in a window that owns the
+/// sink:
 ///
 ///     information_api::queued_sink sink_{this, [this](int id, const response_info_t& info) {
 ///         show_result(id, info);  // on the window's thread
