@@ -259,7 +259,8 @@ void tst_records::builders_data()
             "name":"n","account":"a"},"modularExt":{"ple":"share.ple","modular":[{"name":"S","sn":"","mple":"P1"},
             {"name":"S","sn":"","mple":"P2"}]}})", "S2|E2|share.ple|K400|3.1|S|P1,P2|0|");
     row("usage after a share: its period carried, profiles emptied",
-        then(then(calibration({}, {"P"}), share()), usage()), usage_file, "usage", R"({"tracingType":"usage","startOn":"S2","endOn":"E2"})", "S2|E2|dev.ple|K300|3.1|||0|");
+        then(then(calibration({}, {"P"}), share()), usage()), usage_file, "usage",
+        R"({"tracingType":"usage","startOn":"S2","endOn":"E2"})", "S2|E2|dev.ple|K300|3.1|||0|");
 
     const QString scan_file = R"(\d{4}-\d\d-\d\dT\d\d-\d\d-(0?(\d\d?))\.\1\2Z\.info2)";  // "ss.sss": the seconds twice
     row("scan: modes, alignment lists, box in single precision", scan([](_tag_scan_info& i) {
@@ -457,8 +458,10 @@ void tst_records::not_written()
     if (disk == "file" || disk == "unwritable")
         QVERIFY(disk == "file" ? (write_file(path, "precious"), true) : QFile::link("/proc/self/fdinfo", path));
     else {  // a disk of 256 KiB, mounted in a namespace of this thread's own: it goes with the process
-        QVERIFY2(QDir().mkpath("veltrainfo/tmp") && unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-                 mount("tmpfs", folder, "tmpfs", 0, "size=256k") == 0 && QDir().mkpath("veltrainfo/tmp"), strerror(errno));
+        QVERIFY2(QDir().mkpath("veltrainfo/tmp") && unshare(CLONE_NEWNS) == 0
+                     && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0
+                     && mount("tmpfs", folder, "tmpfs", 0, "size=256k") == 0 && QDir().mkpath("veltrainfo/tmp"),
+                 strerror(errno));
         path = usage()(m);
         before = read_file(path);
         qputenv("TMPDIR", disk == "block" ? folder + "/tmp" : tmp);
@@ -470,11 +473,12 @@ void tst_records::not_written()
                 close(filler) == 0 && statvfs(folder, &fs) == 0 && fs.f_bavail == (disk == "block" ? 1u : 0u));
     }
     glog_capture log;
-    for (const step& write : {usage(), calibration({"c"}, {}), share(), scan([](_tag_scan_info&) {}), feedback("dev.ple"),
-                              score("5", "dev.ple")})
+    for (const step& write : {usage(), calibration({"c"}, {}), share(), scan([](_tag_scan_info&) {}),
+                              feedback("dev.ple"), score("5", "dev.ple")})
         write(m);
     m.reset();
-    QCOMPARE(log.lines().filter(QRegularExpression(R"(^record not written: \./veltrainfo/[^ ]+\.(info2|score2) \(.+\)$)")).size(), 7);
+    const QRegularExpression not_written(R"(^record not written: \./veltrainfo/[^ ]+\.(info2|score2) \(.+\)$)");
+    QCOMPARE(log.lines().filter(not_written).size(), 7);
     QCOMPARE(read_file(path), before);
     if (path != "veltrainfo") {  // no record made empty, no temporary file left
         QCOMPARE(record_files(), QStringList({QFileInfo(path).fileName(), "filler"}));
@@ -625,7 +629,8 @@ void tst_records::due_and_expired_data()
         QTest::newRow(name) << system << start << files << due << expired;
     };
     row("due from one day; other files never", {}, "0 12:00:00",
-        {"older|5|12:00:00", "today|0|08:00:00", "yesterday|1|12:00:00", "a.score2|90|08:00:00", "b.txt|90|08:00:00", "c.info2.bak|90|08:00:00"}, "older yesterday", "");
+        {"older|5|12:00:00", "today|0|08:00:00", "yesterday|1|12:00:00", "a.score2|90|08:00:00", "b.txt|90|08:00:00",
+         "c.info2.bak|90|08:00:00"}, "older yesterday", "");
     row("start just after midnight", {}, "0 00:00:30", {"before|1|23:59:59", "after|0|00:00:01"}, "before", "");
     row("minimum 0: up to the start's day", {{"uploadintval", 0}}, "1 12:00:00",
         {"later-that-day|1|23:00:00", "today|0|00:00:01", "old|3|09:00:00"}, "old later-that-day", "");
@@ -657,7 +662,8 @@ void tst_records::due_and_expired()
         left << QFileInfo(path(f[0])).fileName();
         write_file(path(f[0]), "[General]\ntype=usage\n");
         QFile record(path(f[0]));
-        const QDateTime modified(QDate::currentDate().addDays(-f[1].toInt()), QTime::fromString(f[2], Qt::ISODateWithMs));
+        const QDateTime modified(QDate::currentDate().addDays(-f[1].toInt()),
+                                 QTime::fromString(f[2], Qt::ISODateWithMs));
         QVERIFY(record.open(QIODevice::Append) && record.setFileTime(modified, QFileDevice::FileModificationTime));
     }
     if (!files.isEmpty())
