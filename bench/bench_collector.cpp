@@ -4,6 +4,8 @@
 // CPU time per record and the bytes per record on disk. PostgreSQL is measured when
 // BENCH_DATABASE names one (tools/bench.sh runs this under pg_virtualenv).
 #include <information_api/information_api.h>
+#include <tools/collector/app_ids.h>
+#include <tools/collector/data_folder.h>
 
 #include <benchmark/benchmark.h>
 #include <glog/logging.h>
@@ -30,7 +32,7 @@ using namespace information_api;
 namespace {
 
 using steady = std::chrono::steady_clock;
-const char* const kAppId = "a0f4c9e27d5b3816c4e9a7d2f05b68c1";
+const char* const kAppId = collector::kReleaseAppId;
 constexpr int kRecords = 2000, kInFlight = 16;
 
 // A record of the size a host sends, distinct per upload (the collector keeps duplicates once).
@@ -149,7 +151,7 @@ qint64 storage_bytes(const QString& name, const QString& database)
     if (database.isEmpty()) {
         qint64 bytes = 0;
         for (const char* suffix : {"", "-wal"})
-            bytes += QFileInfo(work().path() + "/" + name + "/records.sqlite3" + suffix).size();
+            bytes += QFileInfo(work().path() + "/" + name + "/" + collector::data_folder::kRecords + suffix).size();
         return bytes;
     }
     QProcess psql;

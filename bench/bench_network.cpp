@@ -3,6 +3,7 @@
 // many upload-and-release cycles, and 200 MB attachment uploads and installer downloads (peak
 // memory and rate, against libcurl). Each figure comes with its baseline from the same run.
 #include <information_api/information_api.h>
+#include <information_api/queued_sink.h>
 #include <tools/collection_service/collection_service.h>
 
 #include <benchmark/benchmark.h>
@@ -36,7 +37,7 @@ using namespace information_api;
 namespace {
 
 using steady = std::chrono::steady_clock;
-const char* const kAppId = "a0f4c9e27d5b3816c4e9a7d2f05b68c1";
+const char* const kAppId = collector::kReleaseAppId;
 const QString kRecord = QString(R"({"seriaNum":"SN-0001","softwareName":"ExampleScan","tracingType":"usage","pad":"%1"})")
                             .arg(QString(600, 'x'));
 
@@ -93,26 +94,23 @@ QString record_url(bool prompt_ack = false)
     return QString::fromStdString(service(prompt_ack).base_url() + "/dtta");
 }
 
-// Hands each report to the benchmark's thread, where the next upload is issued.
-class driver : public information_sink {
+// Runs each report on the benchmark's thread, where the next upload is issued. The last byte is
+// timed on the worker thread, where it arrives: queued, the progress reports would add their
+// queue to the figures.
+class driver : public queued_sink {
 public:
-    std::function<void(int, bool)> on_report;
-    void on_response(int id, QVariant result) override
+    driver()
+        : queued_sink(QCoreApplication::instance(),
+                      [this](int id, const response_info_t& info) { on_report(id, info.ok); }, {},
+                      [this](bool, int, int) { on_report(-1, true); })
     {
-        const bool ok = result.value<response_info_t>().ok;
-        QMetaObject::invokeMethod(QCoreApplication::instance(), [this, id, ok] { on_report(id, ok); },
-                                  Qt::QueuedConnection);
     }
     void on_download_progress(qint64 received, qint64 total) override
     {
         if (received == total && total > 0)
             last_byte = steady::now();
     }
-    void on_download_finished(bool, int, int) override
-    {
-        QMetaObject::invokeMethod(QCoreApplication::instance(), [this] { on_report(-1, true); },
-                                  Qt::QueuedConnection);
-    }
+    std::function<void(int, bool)> on_report;
     std::atomic<steady::time_point> last_byte{};
 };
 

@@ -58,15 +58,20 @@ QString record_path(const QString& stem)
     return QString(kRecordPathPattern).arg(stem);
 }
 
-// Feedback and score records drop the variant between a profile's last "-" and its K300 name:
-// pro-2xK300.ple is recorded as pro-K300.ple.
-QString normalised_profile(const QString& ple)
+// Where a K300 profile's name starts when a variant stands between the profile's last "-" and
+// that name ("2x" in pro-2xK300.ple); -1 for every other profile.
+int k300_name_after_variant(const QString& ple)
 {
     const int dash = ple.lastIndexOf('-');
     const int match = ple.lastIndexOf("K300.ple", -1, Qt::CaseInsensitive);
-    if (match >= 1 && match - dash >= 2 && dash >= 1)
-        return ple.left(dash + 1) + ple.mid(match);
-    return ple;
+    return match >= 1 && match - dash >= 2 && dash >= 1 ? match : -1;
+}
+
+// Feedback and score records drop that variant: pro-2xK300.ple is recorded as pro-K300.ple.
+QString normalised_profile(const QString& ple)
+{
+    const int name = k300_name_after_variant(ple);
+    return name < 0 ? ple : ple.left(ple.lastIndexOf('-') + 1) + ple.mid(name);
 }
 
 // Feedback and scores take the identity they are given and describe the moment the user gave
@@ -309,13 +314,9 @@ void windows_information_imp::create_usage_inifo(const QString& start, QString& 
 
 void windows_information_imp::set_ple(const QString& ple)
 {
-    const int dash = ple.lastIndexOf('-');
-    const int match = ple.lastIndexOf("K300.ple", -1, Qt::CaseInsensitive);
     // A K300 profile with a variant between the dash and the name gets its name repeated.
-    if (match >= 1 && match - dash >= 2 && dash >= 1)
-        this->ple = ple + ple.mid(match);
-    else
-        this->ple = ple;
+    const int name = k300_name_after_variant(ple);
+    this->ple = name < 0 ? ple : ple + ple.mid(name);
 }
 
 void windows_information_imp::set_sn(const QString&)

@@ -25,7 +25,7 @@ template <typename T> T locked_copy(std::mutex& mutex, const T& value)
 }
 
 // The test deployment's application id, as the service expects it in "X-Auth-AppID".
-const char* const kAppId = "3c9d0a7e51b24f68e0a7c2d9b4f6e183";
+const char* const kAppId = collector::kTestAppId;
 
 // Makes a fresh temporary directory the working directory while it lives: ./veltrainfo/, ./res/.
 class scoped_working_dir {
@@ -157,7 +157,7 @@ inline std::unique_ptr<collection::collection_service> start_service(collection:
 inline collection::reply answer(std::string body, int status = 200, std::string type = "application/json")
 {
     collection::reply r;
-    r.status = status, r.content_type = std::move(type), r.body = std::move(body);
+    r.status = status; r.content_type = std::move(type); r.body = std::move(body);
     return r;
 }
 

@@ -1,6 +1,7 @@
 // The local collection service against hostile clients: nothing a request says becomes a path,
 // bodies are bounded and answered honestly, its key stays private, slow clients starve nobody.
 #include "test_support.h"
+#include "tools/collector/data_folder.h"
 
 #include <tools/collector/store.h>
 
@@ -97,13 +98,15 @@ void tst_collection_service::request()
     // Slow clients starve nobody: a request starved of a thread would go unanswered until exchange() gives up.
     const QByteArray answer = exchange(service->port(), tls, request);
     QStringList outcome{answer.mid(9, 3), QString::number(logged)}, files;
+    using namespace collector::data_folder;
     for (QDirIterator it(dir.path(), QDir::Files, QDirIterator::Subdirectories); it.hasNext();)
-        if (const QString path = it.next(); !path.contains("/records.sqlite3") && !path.endsWith("/setup.bin"))
+        if (const QString path = it.next(); !path.contains(kRecords) && !path.endsWith("/setup.bin"))
             files << QDir(data).relativeFilePath(path).replace(QRegularExpression("\\w\\w/\\w{64}$"), "<sha256>");
     files.sort();
     files << "kept";
-    collector::open_store("sqlite:" + data.toStdString() + "/records.sqlite3")->list({}, 0, 0, [&](const auto& r) {
-        return files << QString::fromStdString(r.kind), true;
+    collector::open_store(default_database(data.toStdString()))->list({}, 0, 0, [&](const auto& r) {
+        files << QString::fromStdString(r.kind);
+        return true;
     });
     QCOMPARE((outcome + files).join(' '), expected);
     if (tls)  // the key it made for itself is its owner's only

@@ -2,6 +2,7 @@
 // data folder when unset): an acknowledged record survives every fault, nothing refused is kept,
 // governance commands see what serving kept.
 #include "test_support.h"
+#include "tools/collector/data_folder.h"
 
 #include <sqlite3.h>
 
@@ -98,7 +99,7 @@ private:
             QCOMPARE(QProcess::execute("pg_ctlcluster", {qEnvironmentVariable("PGVERSION"), "regress",
                                                          available ? "start" : "stop"}), 0);
         } else if (!available) {
-            QCOMPARE(sqlite3_open((data + "/records.sqlite3").toUtf8(), &holder), SQLITE_OK);
+            QCOMPARE(sqlite3_open((data + "/" + collector::data_folder::kRecords).toUtf8(), &holder), SQLITE_OK);
             QCOMPARE(sqlite3_exec(holder, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr), SQLITE_OK);
         } else {
             sqlite3_close_v2(holder);  // its transaction rolls back
@@ -106,7 +107,8 @@ private:
     }
     QStringList exported(const QString& data)
     {
-        return run(QStringList{"export", "--data-dir", data} + (database_.isEmpty() ? QStringList() : QStringList{"--database", database_}));
+        const QStringList database = database_.isEmpty() ? QStringList() : QStringList{"--database", database_};
+        return run(QStringList{"export", "--data-dir", data} + database);
     }
 };
 
@@ -119,8 +121,10 @@ void tst_collector::faults_data()
     QTest::newRow("kill -9 under load: every acknowledged record kept") << fault::kill9 << "lost 0";
     QTest::newRow("database unavailable mid-run: 503, then recovered") << fault::unavailable
         << "200 success|503 failed|200 success / kept 2";
-    QTest::newRow("SIGTERM: the request in flight is answered, exit 0") << fault::sigterm << "200 success / exit 0 / kept 1";
-    QTest::newRow("two collectors, one database: each record once") << fault::two_collectors << "200 success x 80 / kept 40";
+    QTest::newRow("SIGTERM: the request in flight is answered, exit 0") << fault::sigterm
+        << "200 success / exit 0 / kept 1";
+    QTest::newRow("two collectors, one database: each record once") << fault::two_collectors
+        << "200 success x 80 / kept 40";
 }
 
 void tst_collector::faults()
@@ -179,10 +183,13 @@ void tst_collector::faults()
         slow.write(body.mid(10));
         QTRY_VERIFY((answer += slow.readAll()).contains("\"success\""));
         QVERIFY(first.process.waitForFinished(10000));
-        outcome = QString("200 success / exit %1 / kept %2").arg(first.process.exitCode()).arg(exported(data.path()).size());
+        outcome = QString("200 success / exit %1 / kept %2")
+                      .arg(first.process.exitCode())
+                      .arg(exported(data.path()).size());
     } else {
         serving second;
-        second.start(data.path() + "/second", database.isEmpty() ? "sqlite:" + data.path() + "/records.sqlite3" : database);
+        const std::string shared_database = collector::data_folder::default_database(data.path().toStdString());
+        second.start(data.path() + "/second", database.isEmpty() ? QString::fromStdString(shared_database) : database);
         QList<QByteArray> bodies;
         for (int i = 0; i < 40; ++i)
             bodies << record_body(i, "T" + QString::number(i));
@@ -196,13 +203,15 @@ void tst_collector::faults()
 void tst_collector::governance()
 {
     QTemporaryDir data;
-    const QStringList where = database_.isEmpty() ? QStringList{"--data-dir", data.path()} : QStringList{"--database", database_};
+    const QStringList where =
+        database_.isEmpty() ? QStringList{"--data-dir", data.path()} : QStringList{"--database", database_};
+    const QString today = QDateTime::currentDateTimeUtc().date().toString(Qt::ISODate);
     if (!database_.isEmpty())
         QCOMPARE(QProcess::execute("psql", {"-qc", "DROP TABLE IF EXISTS records, attachments, schema_version"}), 0);
     serving c;
     c.start(data.path(), database_);
     post_all(c.url, {record_body(1, "A"), record_body(2, "A"), record_body(3, "B")});
-    const QStringList line = run(QStringList{"export", "--format", "csv", "--since", QDateTime::currentDateTimeUtc().date().toString(Qt::ISODate)} + where);
+    const QStringList line = run(QStringList{"export", "--format", "csv", "--since", today} + where);
     QCOMPARE(line.size(), 4);  // the header and three records
     QVERIFY(line[1].contains(R"(,"usage",)") && line[1].contains(R"(,"2.1","","Linux","A","","de",)"));
     const QJsonObject first = QJsonDocument::fromJson(run(QStringList{"export"} + where).value(0).toUtf8()).object();
@@ -210,7 +219,7 @@ void tst_collector::governance()
     QCOMPARE(first.value("record").toObject().value("n").toInt(), 1);
     QCOMPARE(run(QStringList{"delete", "--serial", "A"} + where), QStringList{"deleted 2 records of device A"});
     QCOMPARE(run(QStringList{"stats"} + where).join('|').remove(QRegularExpression(" +")),
-             "records:1|bykind:|usage1|byversion:|2.01|byday:|" + QDateTime::currentDateTimeUtc().date().toString(Qt::ISODate) + "1");
+             "records:1|bykind:|usage1|byversion:|2.01|byday:|" + today + "1");
     QCOMPARE(run(QStringList{"purge", "--older-than-days", "1"} + where).value(0).section(' ', 0, 1), "purged 0");
     QCOMPARE(run(QStringList{"export", "--until", "2000-01-01"} + where).size(), 0);
 }

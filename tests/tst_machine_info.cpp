@@ -47,14 +47,16 @@ void tst_machine_info::parsers_data()
     QTest::addColumn<QString>("expected");
     QTest::newRow("x86_64, two sockets, two threads per core")
         << cpu("processor\t: 0\nmodel name\t:        Intel(R) Xeon(R) CPU E5-2680 v2 @ 2.80GHz \nphysical id\t: 0\n"
-               "core id\t\t: 0\n\nprocessor\t: 1\nphysical id\t: 1\ncore id\t\t: 0\n\nprocessor\t: 2\nphysical id\t: 0\n"
+               "core id\t\t: 0\n\nprocessor\t: 1\nphysical id\t: 1\ncore id\t\t: 0\n\n"
+               "processor\t: 2\nphysical id\t: 0\n"
                "core id\t\t: 0\n\nprocessor\t: 3\nphysical id\t: 1\ncore id\t\t: 0\n")
         << "2|Intel(R) Xeon(R) CPU E5-2680 v2 @ 2.80GHz";
     QTest::newRow("x86_64 without physical ids")
         << cpu("processor\t: 0\nmodel name\t: QEMU Virtual CPU version 2.5+\n\nprocessor\t: 1\nmodel name\t: other\n")
         << "2|QEMU Virtual CPU version 2.5+";
     QTest::newRow("arm64 without a model name")
-        << cpu("processor\t: 0\nBogoMIPS\t: 48.00\nCPU part\t: 0xd08\n\nprocessor\t: 1\nBogoMIPS\t: 48.00\n", "arm64") << "2|arm64";
+        << cpu("processor\t: 0\nBogoMIPS\t: 48.00\nCPU part\t: 0xd08\n\nprocessor\t: 1\nBogoMIPS\t: 48.00\n", "arm64")
+        << "2|arm64";
     QTest::newRow("MemTotal in MiB, rounded down")
         << QString::number(parse_meminfo_mib("MemFree:        23384128 kB\nMemTotal:       24684092 kB\n")) << "24105";
     QTest::newRow("home as ~, on a path boundary")
@@ -66,10 +68,13 @@ void tst_machine_info::parsers_data()
                            "10dd  Evans & Sutherland\n\t0100  Lightning 1200\n10de  NVIDIA Corporation\n"
                            "\t1c82  GP107 [GeForce GTX 1050 Ti]\n\t\t1043 8613  PH-GTX1050TI-4G\n";
     QTest::newRow("two GPUs with memory, one named and one not, a 3D controller; in the record")
-        << gpu_record({{"0x060000\n", "0x8086\n", "0x0d57\n", ""}, {"0x030000\n", "0x1002\n", "0x73bf\n", "17163091968\n"},
-                       {"0x030000\n", "0x1002\n", "0x0100\n", "8573157376\n"}, {"0x030200\n", "0x10de\n", "0x1c82\n", ""}}, ids)
-        << R"([{"gpuMemSize":16368,"gpuModel":"Advanced Micro Devices, Inc. [AMD/ATI] Navi 21 [Radeon RX 6800/6800 XT / 6900 XT]"},)"
-           R"({"gpuMemSize":8176,"gpuModel":"1002:0100"},{"gpuModel":"NVIDIA Corporation GP107 [GeForce GTX 1050 Ti]"}])";
+        << gpu_record({{"0x060000\n", "0x8086\n", "0x0d57\n", ""},
+                       {"0x030000\n", "0x1002\n", "0x73bf\n", "17163091968\n"},
+                       {"0x030000\n", "0x1002\n", "0x0100\n", "8573157376\n"},
+                       {"0x030200\n", "0x10de\n", "0x1c82\n", ""}}, ids)
+        << R"([{"gpuMemSize":16368,"gpuModel":"Advanced Micro Devices, Inc. [AMD/ATI] Navi 21 )"
+           R"([Radeon RX 6800/6800 XT / 6900 XT]"},{"gpuMemSize":8176,"gpuModel":"1002:0100"},)"
+           R"({"gpuModel":"NVIDIA Corporation GP107 [GeForce GTX 1050 Ti]"}])";
 }
 
 void tst_machine_info::this_machine()
@@ -86,10 +91,12 @@ void tst_machine_info::this_machine()
     const QJsonArray actual{os["osName"], os["lang"], os["resolution"], os["installPath"], hd["cpu"][0]["cpuCores"],
                             hd["cpu"][0]["cpuModel"], hd["memSize"], hd["hddSize"], hd["gpu"].toArray().size()};
     const QJsonArray expected{QSysInfo::prettyProductName(), QLocale::system().name(), "800 x 600",
-                              with_home_as_tilde(with_home_as_tilde(folder, QDir::homePath()), QDir::home().canonicalPath()),
+                              with_home_as_tilde(with_home_as_tilde(folder, QDir::homePath()),
+                                                 QDir::home().canonicalPath()),
                               cpu.cores, cpu.model,
                               parse_meminfo_mib(read_file("/proc/meminfo")), volume.bytesTotal() >> 20, displays};
-    QCOMPARE(QJsonDocument(actual).toJson(QJsonDocument::Compact), QJsonDocument(expected).toJson(QJsonDocument::Compact));
+    QCOMPARE(QJsonDocument(actual).toJson(QJsonDocument::Compact),
+             QJsonDocument(expected).toJson(QJsonDocument::Compact));
     QVERIFY(qAbs(hd["hddRemainSize"].toDouble() - double(volume.bytesAvailable() >> 20)) < 1024);  // others write
 }
 

@@ -5,6 +5,7 @@
 
 #include <information_api/http.h>
 #include <information_api/json_handler.h>
+#include <information_api/queued_sink.h>
 #include <information_api/record_file.h>
 
 #include <atomic>
@@ -26,7 +27,10 @@ Q_DECLARE_METATYPE(step)
 namespace {
 
 QJsonValue parse(const QString& json) { return QJsonDocument::fromJson(("[" + json + "]").toUtf8()).array().at(0); }
-QString compact(const QJsonValue& v) { return QJsonDocument(QJsonArray{v}).toJson(QJsonDocument::Compact).mid(1).chopped(1); }
+QString compact(const QJsonValue& v)
+{
+    return QJsonDocument(QJsonArray{v}).toJson(QJsonDocument::Compact).mid(1).chopped(1);
+}
 
 // A record's keys unless a row names them: the identity and period the steps below give.
 const char* const kEnvelope = R"({"modelName":"K300","seriaNum":"","softwareName":"","softwareVer":"3.1",
@@ -41,7 +45,7 @@ manager_ptr new_manager()
     for (QString* f : {&m->osName, &m->lang, &m->resolution, &m->installPath, &m->cpuCores, &m->cpuModel, &m->memSize,
                        &m->hddSize, &m->hddRemainSize})
         f->clear();
-    m->gpuModels.clear(), m->gpuMemSizes.clear();
+    m->gpuModels.clear(); m->gpuMemSizes.clear();
     return m;
 }
 
@@ -77,15 +81,16 @@ template <typename C, typename R, typename... P, typename... A> R call(manager_p
 step usage(QString start = "", int guide = 0, QString modular = "")
 {
     return [=](manager_ptr& m) {
-        return call(m, &W::create_usage_inifo, start, "dev.ple", "3.1", "K300", modular, guide), m->usageFilePath;
+        call(m, &W::create_usage_inifo, start, "dev.ple", "3.1", "K300", modular, guide);
+        return m->usageFilePath;
     };
 }
 
 step calibration(QStringList classes, QStringList pls)
 {
     return [=](manager_ptr& m) {
-        call(m, &W::create_calibrate_inifo, QStringList{"m1", "m2"}, "3.1", "dev.ple", "K300", "M", pls, "S", "E", classes,
-             QStringList{"s1", "s2"}, QStringList{"e1"}, QStringList{"ok"}, 1);
+        call(m, &W::create_calibrate_inifo, QStringList{"m1", "m2"}, "3.1", "dev.ple", "K300", "M", pls, "S", "E",
+             classes, QStringList{"s1", "s2"}, QStringList{"e1"}, QStringList{"ok"}, 1);
         return only_record();
     };
 }
@@ -94,7 +99,8 @@ step calibration(QStringList classes, QStringList pls)
 step share(QString a = "a")
 {
     return [=](manager_ptr& m) {
-        return call(m, &W::create_share_inifo, "share.ple", "K400", "S", "S2", "E2", "t", "n", a, 0), only_record();
+        call(m, &W::create_share_inifo, "share.ple", "K400", "S", "S2", "E2", "t", "n", a, 0);
+        return only_record();
     };
 }
 
@@ -102,9 +108,10 @@ step scan(std::function<void(_tag_scan_info&)> fill)
 {
     return [=](manager_ptr& m) {
         _tag_scan_info info;
-        info.ple = "dev.ple", info.modelName = "K300", info.modular = "M", info.startOn = "S", info.endOn = "E";
+        info.ple = "dev.ple"; info.modelName = "K300"; info.modular = "M"; info.startOn = "S"; info.endOn = "E";
         fill(info);
-        return m->add_scan_info(info, 0), only_record();
+        m->add_scan_info(info, 0);
+        return only_record();
     };
 }
 
@@ -178,6 +185,7 @@ private slots:
     void upload_config();
     void due_and_expired_data();
     void due_and_expired();
+    void queued_sink_reports();
     // Hosts built against the library call virtual operations by slot, read data members by offset
     // and address the connector's signals and slots by index (queued connections too): none may move.
     void layout_data();
@@ -202,13 +210,14 @@ void tst_records::builders_data()
     const auto row = [](const char* name, step write, QString files, QString type, QString record, QString stored) {
         QTest::newRow(name) << write << files << type << record << stored;
     };
-    const QString usage_file = R"(\d{4}-\d\d-\d\dT\d\d-\d\d-\d\d\.info2)", utc_file = R"(\d{4}-\d\d-\d\dT\d\d-\d\d-\d\dZ\.info2)";
+    const QString usage_file = R"(\d{4}-\d\d-\d\dT\d\d-\d\d-\d\d\.info2)";
+    const QString utc_file = R"(\d{4}-\d\d-\d\dT\d\d-\d\d-\d\dZ\.info2)";
     const QString now = "<now>|<now>|", now_usage = R"({"tracingType":"usage","startOn":"<now>","endOn":"<now>")";
 
     row("usage: identity, machine numbers converted, fewer GPU sizes than models", [](manager_ptr& m) {
-            m->setSoftwareName("Studio"), m->setDeviceSerial("SN1"), m->set_sn("ignored");
-            m->cpuCores = "4294967297", m->cpuModel = "cpu", m->memSize = "17179869184", m->hddSize = "disk";
-            m->hddRemainSize = " -5 ", m->gpuModels = QStringList{"A", "B"}, m->gpuMemSizes = QStringList{"4096"};
+            m->setSoftwareName("Studio"); m->setDeviceSerial("SN1"); m->set_sn("ignored");
+            m->cpuCores = "4294967297"; m->cpuModel = "cpu"; m->memSize = "17179869184"; m->hddSize = "disk";
+            m->hddRemainSize = " -5 "; m->gpuModels = QStringList{"A", "B"}; m->gpuMemSizes = QStringList{"4096"};
             return usage()(m);
         }, usage_file, "usage", now_usage + R"(,"softwareName":"Studio","seriaNum":"SN1","osHdExt":{"cpu":[{"cpuCores":0,
             "cpuModel":"cpu"}],"memSize":17179869184,"gpu":[{"gpuModel":"A","gpuMemSize":4096},{"gpuModel":"B"}],"hddSize":0,
@@ -218,7 +227,8 @@ void tst_records::builders_data()
             return usage("", 1, "M")(m);
         }, usage_file, "usage", now_usage + R"(,"enableGuide":"yes","modularExt":{"ple":"dev.ple","modular":[{"name":"M",
             "sn":"","mple":""}]}})", now + "dev.ple|K300|3.1|M||1|");
-    row("usage: guide 2 is no; a later call rewrites the file, with a start of its own, not stored", [](manager_ptr& m) {
+    row("usage: guide 2 is no; a later call rewrites the file, with a start of its own, not stored",
+        [](manager_ptr& m) {
             QString ple = "first.ple", ver = "1", model = "K1", modular = "first";
             m->create_usage_inifo("", ple, ver, model, modular, 1);
             return usage("not a time", 2)(m);
@@ -226,12 +236,15 @@ void tst_records::builders_data()
         now + "dev.ple|K300|3.1|||2|");
     row("usage: the end time written as the manager ends", [](manager_ptr& m) {
             const QString path = usage()(m);
-            m->usageRecord["endOn"] = "stale", m->usageRecord["marker"] = 42;  // rewritten from the record in memory
-            return m.reset(), path;
+            m->usageRecord["endOn"] = "stale";  // rewritten from the record in memory
+            m->usageRecord["marker"] = 42;
+            m.reset();
+            return path;
         }, usage_file, "usage", now_usage + R"(,"marker":42})", "ended");
     row("usage: the uploader's manager starts no period", [](manager_ptr& m) {
             QCoreApplication::setApplicationName("information_uploader");
-            return m = std::make_unique<windows_information_imp>(), usage()(m);
+            m = std::make_unique<windows_information_imp>();
+            return usage()(m);
         }, R"(\.info2)", "usage", R"({"tracingType":"usage","startOn":"","endOn":""})", "||dev.ple|K300|3.1|||0|");
 
     row("calibration: shorter lists leave fields empty; the first empty profile listed, later ones skipped",
@@ -245,14 +258,16 @@ void tst_records::builders_data()
         utc_file, "share", R"({"tracingType":"share","modelName":"K400","startOn":"S2","endOn":"E2","content":{"target":"t",
             "name":"n","account":"a"},"modularExt":{"ple":"share.ple","modular":[{"name":"S","sn":"","mple":"P1"},
             {"name":"S","sn":"","mple":"P2"}]}})", "S2|E2|share.ple|K400|3.1|S|P1,P2|0|");
-    row("usage after a share: its period carried, profiles emptied", then(then(calibration({}, {"P"}), share()), usage()),
-        usage_file, "usage", R"({"tracingType":"usage","startOn":"S2","endOn":"E2"})", "S2|E2|dev.ple|K300|3.1|||0|");
+    row("usage after a share: its period carried, profiles emptied",
+        then(then(calibration({}, {"P"}), share()), usage()), usage_file, "usage",
+        R"({"tracingType":"usage","startOn":"S2","endOn":"E2"})", "S2|E2|dev.ple|K300|3.1|||0|");
 
     const QString scan_file = R"(\d{4}-\d\d-\d\dT\d\d-\d\d-(0?(\d\d?))\.\1\2Z\.info2)";  // "ss.sss": the seconds twice
     row("scan: modes, alignment lists, box in single precision", scan([](_tag_scan_info& i) {
             i.modes = {{"ms", "me", "hd", "8", "on", {"marker", "feature"}, "turntable"}, {}};
-            i.texture = "tx", i.totalPoint = "1200", i.pointDis = "0.2", i.length = "0.1", i.width = "2", i.height = "0.3";
-            i.handHeldPointGenWay = "hw", i.meshType = "watertight", i.fileName = "a.stl";
+            i.texture = "tx"; i.totalPoint = "1200"; i.pointDis = "0.2";
+            i.length = "0.1"; i.width = "2"; i.height = "0.3";
+            i.handHeldPointGenWay = "hw"; i.meshType = "watertight"; i.fileName = "a.stl";
         }), scan_file, "scan", R"({"tracingType":"scan","softwareVer":"","modularExt":{"ple":"dev.ple","modular":[{"name":"M",
             "sn":"","mple":""}]},"content":{"mode":[{"startOn":"ms","endOn":"me","classsify":"hd","turntableSteps":"8",
             "hdr":"on","alignMode":["marker","feature"],"modular":"turntable"},{"startOn":"","endOn":"","classsify":"",
@@ -261,15 +276,15 @@ void tst_records::builders_data()
             "box":{"length":0.10000000149011612,"width":2,"height":0.30000001192092896}}})", "S|E|dev.ple|K300||M||0|");
     row("scan: no 32-bit count, no finite float, a fraction widened, blanks; a profile without a module name",
         scan([](_tag_scan_info& i) {
-            i.totalPoint = "4294967296", i.length = "nan", i.width = "-0.1", i.height = " 7 ", i.modular = "";
+            i.totalPoint = "4294967296"; i.length = "nan"; i.width = "-0.1"; i.height = " 7 "; i.modular = "";
             i.modularPles = QStringList{"A"};
         }), scan_file, "scan", R"({"tracingType":"scan","softwareVer":"","modularExt":{"ple":"dev.ple","modular":[{"name":"",
             "sn":"","mple":"A"}]},"content":{"texture":"","pointDis":"","handHeldPointGenWay":"","meshType":"","fileName":"",
             "totalPoint":0,"box":{"length":0,"width":-0.10000000149011612,"height":7}}})", "S|E|dev.ple|K300|||A|0|");
     row("flat scan: the envelope's tracing type, nothing stored", [](manager_ptr& m) {
-            m->startOn = "S", m->endOn = "E";
-            call(m, &W::create_scan_inifo, "1.5", "2", "3", "f.stl", "way", "mesh", "marker", "cls", "hdr", "top", "s", "e",
-                 "0.1", "tex", "12a", "77", 1);
+            m->startOn = "S"; m->endOn = "E";
+            call(m, &W::create_scan_inifo, "1.5", "2", "3", "f.stl", "way", "mesh", "marker", "cls", "hdr", "top",
+                 "s", "e", "0.1", "tex", "12a", "77", 1);
             return only_record();
         }, utc_file, "scan", R"({"tracingType":"usage","modelName":"","softwareVer":"","modularExt":{"ple":""},"height":"1.5",
             "length":"2","width":"3","fileName":"f.stl","handHeldPointGenWay":"way","meshType":"mesh","alignMode":"marker",
@@ -285,21 +300,24 @@ void tst_records::builders_data()
     row("feedback: a period of its own, a profile's variant removed", then(share(), feedback("pro-2xK300.ple")),
         user_file + "info2", "feedback", feedback_record.arg("pro-K300.ple"), now + "pro-K300.ple|K300|3.1|M|P|1|");
     row("feedback: case-insensitive, neither module nor profiles", feedback("a-1K300.PLE", {}, ""), user_file + "info2",
-        "feedback", QString(feedback_record).remove(R"(,"modular":[{"name":"M","sn":"","mple":"P"}])").arg("a-K300.PLE"),
+        "feedback",
+        QString(feedback_record).remove(R"(,"modular":[{"name":"M","sn":"","mple":"P"}])").arg("a-K300.PLE"),
         now + "a-K300.PLE|K300|3.1|||1|");
     row("score: profiles emptied, a decimal score", then(feedback("dev.ple"), score(" 9 ", "pro-K300.ple")),
         user_file + "score2", "score", score_record.arg(9).arg("pro-K300.ple"), now + "pro-K300.ple|K300|3.1|M||0|");
     for (const auto& [value, ple] : std::vector<std::pair<QString, QString>>{
              {"abc", "K300.ple"}, {"7.5", "-xK300.ple"}, {"", "abc-K300.ple"}, {"12a", "abc-x.ple"}})
-        row(qPrintable("score: \"" + value + "\" is 0, " + ple + " kept"), score(value, ple), user_file + "score2", "score",
-            score_record.arg(0).arg(ple), now + ple + "|K300|3.1|M||0|");
+        row(qPrintable("score: \"" + value + "\" is 0, " + ple + " kept"), score(value, ple), user_file + "score2",
+            "score", score_record.arg(0).arg(ple), now + ple + "|K300|3.1|M||0|");
 
     // set_ple repeats a K300 profile's tail after a variant, where feedback and scores drop the variant.
     const QStringList ples{"abc-xK300.ple", "abc-xK300.pleK300.ple", "ab-1K300.PLE", "ab-1K300.PLEK300.PLE",
                            "abc-K300.ple", "abc-K300.ple", "-xK300.ple", "-xK300.ple"};
     for (int i = 0; i < ples.size(); i += 2)
-        row(qPrintable("set_ple " + ples[i]), [ple = ples[i]](manager_ptr& m) { return m->set_ple(ple), QString(); }, "", "", "",
-            now + ples[i + 1] + "|||||0|");
+        row(qPrintable("set_ple " + ples[i]), [ple = ples[i]](manager_ptr& m) {
+                m->set_ple(ple);
+                return QString();
+            }, "", "", "", now + ples[i + 1] + "|||||0|");
 }
 
 void tst_records::builders()
@@ -357,8 +375,10 @@ void tst_records::name_taken_data()
     QTest::addColumn<QByteArray>("zone");  // Flat scan, structured scan (X), feedback (B), scoRe
     QTest::addColumn<int>("shift");  // seconds the clock moves before the second record
     for (const QByteArray zone : {"UTC0", "<+08>-8"})  // a run of 8 hours at UTC+8 names its feedback like its usage
-        for (const QString kinds : {"UU", "UB", "BU", "BB", "RR", "CC", "CS", "CF", "SS", "SF", "FF", "XX"})
-            QTest::newRow(qPrintable(kinds + " " + zone)) << kinds << zone << (zone == "UTC0" ? 0 : kinds == "UB" ? 28800 : kinds == "BU" ? -28800 : 0);
+        for (const QString kinds : {"UU", "UB", "BU", "BB", "RR", "CC", "CS", "CF", "SS", "SF", "FF", "XX"}) {
+            const int shift = zone == "UTC0" ? 0 : kinds == "UB" ? 28800 : kinds == "BU" ? -28800 : 0;
+            QTest::newRow(qPrintable(kinds + " " + zone)) << kinds << zone << shift;
+        }
     QTest::newRow("100 structured scans in one second") << QString(100, 'X') << QByteArray("UTC0") << 0;
 }
 
@@ -382,22 +402,32 @@ void tst_records::name_taken()
             managers.push_back(std::make_unique<W>());
         const QString returned = QMap<QChar, step>{{'U', usage()}, {'C', calibration({n}, {})}, {'S', share(n)},
             {'X', scan([=](_tag_scan_info& s) { s.fileName = n; })}, {'B', feedback(n + ".ple")}, {'R', score(n, "p")},
-            {'F', [=](manager_ptr& m) { return call(m, &W::create_scan_inifo, "", "", "", n, "", "", "", "", "", "", "", "", "", "", "", "", 0), QString(); }}}
+            {'F', [=](manager_ptr& m) {
+                call(m, &W::create_scan_inifo, "", "", "", n, "", "", "", "", "", "", "", "", "", "", "", "", 0);
+                return QString();
+            }}}
             [kinds[i]](managers.back());
-        // Each record under the first free name: <stem>.<ext>, <stem>-1.<ext>, ...; a builder that returns a path returns it.
-        paths << (i == 0 ? "./veltrainfo/" + record_files().value(0) : QString(paths[0]).insert(paths[0].lastIndexOf('.'), "-" + n));
+        // Each record under the first free name: <stem>.<ext>, <stem>-1.<ext>, ...; a builder that returns a
+        // path returns it.
+        paths << (i == 0 ? "./veltrainfo/" + record_files().value(0)
+                         : QString(paths[0]).insert(paths[0].lastIndexOf('.'), "-" + n));
         QVERIFY(record_files().size() == before.size() + 1 && record_files().contains(QFileInfo(paths[i]).fileName()));
         QVERIFY(!QString("UBR").contains(kinds[i]) || returned == paths[i]);
         written << read_file(paths[i]);
     }
-    for (manager_ptr& m : managers)  // the usage records written once more and closed: each at its own path
-        m->usageFilePath.isEmpty() ? m.reset() : (usage()(m), m.reset());
-    qputenv("TZ", zone_before), record_clock = &QDateTime::currentDateTimeUtc;
+    for (manager_ptr& m : managers) {  // the usage records written once more and closed: each at its own path
+        if (!m->usageFilePath.isEmpty())
+            usage()(m);
+        m.reset();
+    }
+    qputenv("TZ", zone_before);
+    record_clock = &QDateTime::currentDateTimeUtc;
     QCOMPARE(record_files().size(), kinds.size());
     for (int i = 0; i < kinds.size(); ++i) {
         QString data, type;
         QVERIFY(W().get_scan_info(paths[i], data, type) == 0 && (kinds[i] == 'U' || read_file(paths[i]) == written[i]));
-        QCOMPARE(type, QString("usage calibration share scan scan feedback score").split(' ')[QString("UCSFXBR").indexOf(kinds[i])]);
+        const QStringList types = QString("usage calibration share scan scan feedback score").split(' ');
+        QCOMPARE(type, types[QString("UCSFXBR").indexOf(kinds[i])]);
     }
 }
 
@@ -416,27 +446,39 @@ void tst_records::not_written()
     // usage record once more as the manager ends. Nothing written before is lost or emptied.
     QFETCH(QString, disk);
     const QByteArray folder = QDir::current().absoluteFilePath("veltrainfo").toUtf8(), tmp = qgetenv("TMPDIR");
-    const std::shared_ptr<void> unmount(nullptr, [&](void*) { umount2(folder, MNT_DETACH), tmp.isNull() ? qunsetenv("TMPDIR") : qputenv("TMPDIR", tmp); });
+    const std::shared_ptr<void> unmount(nullptr, [&](void*) {
+        umount2(folder, MNT_DETACH);
+        if (tmp.isNull())
+            qunsetenv("TMPDIR");
+        else
+            qputenv("TMPDIR", tmp);
+    });
     auto m = std::make_unique<W>();
     QString path = "veltrainfo", before = disk == "file" ? "precious" : "<absent>";
     if (disk == "file" || disk == "unwritable")
         QVERIFY(disk == "file" ? (write_file(path, "precious"), true) : QFile::link("/proc/self/fdinfo", path));
     else {  // a disk of 256 KiB, mounted in a namespace of this thread's own: it goes with the process
-        QVERIFY2(QDir().mkpath("veltrainfo/tmp") && unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-                 mount("tmpfs", folder, "tmpfs", 0, "size=256k") == 0 && QDir().mkpath("veltrainfo/tmp"), strerror(errno));
-        path = usage()(m), before = read_file(path);
+        QVERIFY2(QDir().mkpath("veltrainfo/tmp") && unshare(CLONE_NEWNS) == 0
+                     && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0
+                     && mount("tmpfs", folder, "tmpfs", 0, "size=256k") == 0 && QDir().mkpath("veltrainfo/tmp"),
+                 strerror(errno));
+        path = usage()(m);
+        before = read_file(path);
         qputenv("TMPDIR", disk == "block" ? folder + "/tmp" : tmp);
         const int filler = open("veltrainfo/filler", O_WRONLY | O_CREAT, 0600);
         for (const QByteArray page(4096, 'x'); write(filler, page.constData(), page.size()) > 0;) {}
         struct statvfs fs;
-        QVERIFY(ftruncate(filler, (lseek(filler, 0, SEEK_END) + 4095) / 4096 * 4096 - (disk == "block" ? 4096 : 0)) == 0 &&
+        const off_t whole_pages = (lseek(filler, 0, SEEK_END) + 4095) / 4096 * 4096;
+        QVERIFY(ftruncate(filler, whole_pages - (disk == "block" ? 4096 : 0)) == 0 &&
                 close(filler) == 0 && statvfs(folder, &fs) == 0 && fs.f_bavail == (disk == "block" ? 1u : 0u));
     }
     glog_capture log;
-    for (const step& write : {usage(), calibration({"c"}, {}), share(), scan([](_tag_scan_info&) {}), feedback("dev.ple"), score("5", "dev.ple")})
+    for (const step& write : {usage(), calibration({"c"}, {}), share(), scan([](_tag_scan_info&) {}),
+                              feedback("dev.ple"), score("5", "dev.ple")})
         write(m);
     m.reset();
-    QCOMPARE(log.lines().filter(QRegularExpression(R"(^record not written: \./veltrainfo/[^ ]+\.(info2|score2) \(.+\)$)")).size(), 7);
+    const QRegularExpression not_written(R"(^record not written: \./veltrainfo/[^ ]+\.(info2|score2) \(.+\)$)");
+    QCOMPARE(log.lines().filter(not_written).size(), 7);
     QCOMPARE(read_file(path), before);
     if (path != "veltrainfo") {  // no record made empty, no temporary file left
         QCOMPARE(record_files(), QStringList({QFileInfo(path).fileName(), "filler"}));
@@ -447,14 +489,17 @@ void tst_records::not_written()
 void tst_records::swapped_while_read()
 {
     // Files swapped in as get_scan_info reads: the one QSettings decodes is the one that was checked.
-    const QString good = QDir::current().absoluteFilePath("good"), bad = QDir::current().absoluteFilePath("bad"), record = good + ".info2";
+    const QString good = QDir::current().absoluteFilePath("good");
+    const QString bad = QDir::current().absoluteFilePath("bad");
+    const QString record = good + ".info2";
     for (const QString& file : {good, record})
         write_file(file, "[General]\ntype=t\n");
     write_file(bad, QByteArray(R"([General]|type=@Variant(\0\0\0\v\x7f\xff\xff\xff)|)").replace('|', '\n'));
     std::atomic<bool> stop{false};
     const std::shared_ptr<std::thread> swapper(new std::thread([&] {
         for (int i = 0; !stop; ++i)
-            link(qPrintable(i % 2 ? good : bad), qPrintable(record + ".new")), rename(qPrintable(record + ".new"), qPrintable(record));
+            link(qPrintable(i % 2 ? good : bad), qPrintable(record + ".new"));
+            rename(qPrintable(record + ".new"), qPrintable(record));
     }), [&](std::thread* t) { stop = true, t->join(), delete t; });
     W m;
     QString data, type;
@@ -521,17 +566,21 @@ void tst_records::upload_config_data()
     };
     const auto set_urls = [](QString release, QString test, QString file_release = "", QString file_test = "") -> step {
         return [=](manager_ptr& m) {
-            return call(m, &W::set_upload_url, release, test), call(m, &W::setUploadFileUrl, file_release, file_test), "";
+            call(m, &W::set_upload_url, release, test);
+            call(m, &W::setUploadFileUrl, file_release, file_test);
+            return QString();
         };
     };
     const QVariantMap url_config{{"upload_url", "https://first.example"}};
-    row("nothing configured", {}, {}, set_urls("", "", "", "https://tst/up"), "0 60 <release> <R> | <release> | <files> <cdn> 20");
+    row("nothing configured", {}, {}, set_urls("", "", "", "https://tst/up"),
+        "0 60 <release> <R> | <release> | <files> <cdn> 20");
     row("a release url set: url_config unread; release file url", {}, url_config,
         set_urls("https://set.example", "t", "https://rel/up", "https://tst/up"),
         "0 60 https://set.example <R> | https://set.example t | https://rel/up <cdn> 20");
     row("test mode without urls set", {{"test", 1}}, url_config, set_urls("", "", "https://rel/up"),
         "0 60 <test> <T> |  | <files> <cdn> 20");
-    row("test mode with urls set", {{"test", 2}, {"enable", 1}}, {}, set_urls("https://rel", "https://tst", "", "https://tst/up"),
+    row("test mode with urls set", {{"test", 2}, {"enable", 1}}, {},
+        set_urls("https://rel", "https://tst", "", "https://tst/up"),
         "1 60 https://tst <T> | https://rel https://tst | https://tst/up <cdn> 20");
     row("url_config read once, system.ini as it is when read", {}, url_config, [](manager_ptr& m) {
             call(m, &W::get_upload_config, 0, 0, "", "", "");
@@ -560,9 +609,10 @@ void tst_records::upload_config()
     QCOMPARE(QString("%1 %2 %3 %4 | %5 | %6 %7 %8").arg(enable).arg(interval)
                  .arg(url, app_id, (m->releaseUploadUrl + " " + m->testUploadUrl).trimmed(), file_url, cdn)
                  .arg(m->get_reconnect_intval())
-                 .replace("https://" RELEASE_SERVICE_HOST "/dtta", "<release>").replace("https://" TEST_SERVICE_HOST "/dtta", "<test>")
+                 .replace("https://" RELEASE_SERVICE_HOST "/dtta", "<release>")
+                 .replace("https://" TEST_SERVICE_HOST "/dtta", "<test>")
                  .replace("https://" TEST_API_HOST "/up", "<files>").replace("https://" CDN_HOST, "<cdn>")
-                 .replace("a0f4c9e27d5b3816c4e9a7d2f05b68c1", "<R>").replace("3c9d0a7e51b24f68e0a7c2d9b4f6e183", "<T>"),
+                 .replace(collector::kReleaseAppId, "<R>").replace(collector::kTestAppId, "<T>"),
              expected);
     QCOMPARE(extra, QString("untouched"));
 }
@@ -574,11 +624,13 @@ void tst_records::due_and_expired_data()
     QTest::addColumn<QStringList>("files");  // "name|days before today|hh:mm:ss[.zzz]", *.info2 unless named
     QTest::addColumn<QString>("due");        // listed by get_upload_files, oldest first
     QTest::addColumn<QString>("expired");    // deleted by clear_timeout_file, oldest first
-    const auto row = [](const char* name, QVariantMap system, QString start, QStringList files, QString due, QString expired) {
+    const auto row = [](const char* name, QVariantMap system, QString start, QStringList files, QString due,
+                        QString expired) {
         QTest::newRow(name) << system << start << files << due << expired;
     };
-    row("due from one day; other files never", {}, "0 12:00:00", {"older|5|12:00:00", "today|0|08:00:00", "yesterday|1|12:00:00",
-        "a.score2|90|08:00:00", "b.txt|90|08:00:00", "c.info2.bak|90|08:00:00"}, "older yesterday", "");
+    row("due from one day; other files never", {}, "0 12:00:00",
+        {"older|5|12:00:00", "today|0|08:00:00", "yesterday|1|12:00:00", "a.score2|90|08:00:00", "b.txt|90|08:00:00",
+         "c.info2.bak|90|08:00:00"}, "older yesterday", "");
     row("start just after midnight", {}, "0 00:00:30", {"before|1|23:59:59", "after|0|00:00:01"}, "before", "");
     row("minimum 0: up to the start's day", {{"uploadintval", 0}}, "1 12:00:00",
         {"later-that-day|1|23:00:00", "today|0|00:00:01", "old|3|09:00:00"}, "old later-that-day", "");
@@ -601,20 +653,25 @@ void tst_records::due_and_expired()
     QFETCH(QString, due);
     QFETCH(QString, expired);
     write_ini("res/system.ini", system);
-    const auto path = [](QString name) { return QDir::current().absoluteFilePath("veltrainfo/" + name + (name.contains('.') ? "" : ".info2")); };
+    const auto path = [](QString name) {
+        return QDir::current().absoluteFilePath("veltrainfo/" + name + (name.contains('.') ? "" : ".info2"));
+    };
     QStringList left;
     for (const QString& file : files) {
         const QStringList f = file.split('|');
         left << QFileInfo(path(f[0])).fileName();
         write_file(path(f[0]), "[General]\ntype=usage\n");
         QFile record(path(f[0]));
-        QVERIFY(record.open(QIODevice::Append) && record.setFileTime(QDateTime(QDate::currentDate().addDays(-f[1].toInt()),
-            QTime::fromString(f[2], Qt::ISODateWithMs)), QFileDevice::FileModificationTime));
+        const QDateTime modified(QDate::currentDate().addDays(-f[1].toInt()),
+                                 QTime::fromString(f[2], Qt::ISODateWithMs));
+        QVERIFY(record.open(QIODevice::Append) && record.setFileTime(modified, QFileDevice::FileModificationTime));
     }
     if (!files.isEmpty())
         QDir().mkpath("veltrainfo/folder.info2");  // folders are never listed
-    const QDateTime start_time = start.isEmpty() ? QDateTime() : QDateTime(QDate::currentDate().addDays(-start.section(' ', 0, 0).toInt()),
-                                                                          QTime::fromString(start.section(' ', 1), "hh:mm:ss"));
+    const QDateTime start_time = start.isEmpty()
+        ? QDateTime()
+        : QDateTime(QDate::currentDate().addDays(-start.section(' ', 0, 0).toInt()),
+                    QTime::fromString(start.section(' ', 1), "hh:mm:ss"));
     QCoreApplication::instance()->setProperty("start_time", start_time);
     windows_information_imp m;
 
@@ -676,7 +733,8 @@ void tst_records::layout_data()
     QTest::newRow("scan mode") << offsets(mode, mode.startOn, mode.endOn, mode.classsify, mode.turntableSteps, mode.hdr,
         mode.alignMode, mode.modular) << "0 8 16 24 32 40 48 56";
     response_info_t r;
-    QTest::newRow("response") << offsets(r, r.ok, r.msg, r.ret, r.net_error, r.result, r.content) << "0 8 16 20 24 32 48";
+    QTest::newRow("response") << offsets(r, r.ok, r.msg, r.ret, r.net_error, r.result, r.content)
+                              << "0 8 16 20 24 32 48";
     http_connector c(0, nullptr, nullptr);
     QTest::newRow("connector") << offsets(c, c.rt_, c.timer_, c.manager, c.request_, c.reply_, c.bytes_received_,
         c.last_activity_, c.sink_, c.id_, c.handler_, c.file_path_) << "16 24 32 40 48 56 64 72 80 88 96 104";
@@ -692,6 +750,33 @@ void tst_records::layout_data()
         "slot_onDownLoadFileFinished()";
     QTest::newRow("response type name") << QString(QMetaType::typeName(qMetaTypeId<response_info_t>()))
                                         << "information_api::response_info_t";
+}
+
+// Reports made on another thread run in order on the receiver's thread; none once it is destroyed.
+void tst_records::queued_sink_reports()
+{
+    QStringList seen;
+    const auto note = [&](const QString& report) { seen << report + (QThread::currentThread() == thread() ? "" : "!"); };
+    auto receiver = std::make_unique<QObject>();
+    queued_sink sink(
+        receiver.get(), [&](int id, const response_info_t& info) { note(QString("%1 %2").arg(id).arg(info.ret)); },
+        [&](qint64 received, qint64 total) { note(QString("%1/%2").arg(received).arg(total)); },
+        [&](bool ok, int code, int net_error) { note(QString("%1 %2 %3").arg(ok).arg(code).arg(net_error)); });
+    response_info_t info;
+    info.ret = 10;
+    const QVariant result = QVariant::fromValue(info);
+    std::thread([&] {
+        sink.on_response(3, result);
+        sink.on_download_progress(5, 9);
+        sink.on_download_finished(false, 9, 0);
+    }).join();
+    QCOMPARE(seen, QStringList());  // nothing ran on the worker
+    QTRY_COMPARE(seen, QStringList({"3 10", "5/9", "0 9 0"}));
+    sink.on_response(4, result);  // queued, then its receiver goes
+    receiver.reset();
+    sink.on_response(5, result);
+    QCoreApplication::processEvents();
+    QCOMPARE(seen.size(), 3);
 }
 
 int main(int argc, char** argv)

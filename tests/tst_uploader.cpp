@@ -26,7 +26,8 @@ static void write_folder(const QString& files)
         if (path.endsWith(".info2") || path.endsWith(".score2"))
             write_ini(path, {{"data", QByteArray(R"({"record":")" + name.toUtf8() + R"("})")}, {"type", "usage"}});
         QFile f(path);
-        QVERIFY(f.open(QIODevice::Append) && f.write(file.section(':', 0, 0).section('=', 1).toUtf8()) >= 0 && f.flush());
+        const QByteArray appended = file.section(':', 0, 0).section('=', 1).toUtf8();
+        QVERIFY(f.open(QIODevice::Append) && f.write(appended) >= 0 && f.flush());
         f.setFileTime(QDateTime::currentDateTime().addDays(-file.section(':', 1).toInt()),
                       QFileDevice::FileModificationTime);
     }
@@ -47,8 +48,9 @@ void tst_uploader::one_run_data()
     QTest::addColumn<QString>("expected");  // exit status, files left, requests received
     QTest::addColumn<QString>("err");       // parts of standard error, "|"-separated
     // A record parked by a killed run goes back (f), beside the record written under its name meanwhile (b-1).
-    QTest::newRow("only confirmed records removed, as sent") << "" << "a.info2 b.info2 c.info2 d.info2 e.info2 s.score2 "
-        ".information_uploader.parked.f.info2 .information_uploader.parked.b.info2" << misbehaving
+    QTest::newRow("only confirmed records removed, as sent") << ""
+        << "a.info2 b.info2 c.info2 d.info2 e.info2 s.score2 .information_uploader.parked.f.info2 "
+        ".information_uploader.parked.b.info2" << misbehaving
         << "exit 1, left [b-1.info2 b.info2 c.info2 d.info2 e.info2 f.info2 s.score2], 7 received"
         << "b.info2: duplicate record|e.info2 changed while it was sent";
     QTest::newRow("disabled") << "enable=0" << "a.info2" << as_is << "exit 3, left [a.info2], 0 received" << "disabled";
@@ -64,17 +66,20 @@ void tst_uploader::one_run_data()
     QTest::newRow("read-only folder") << "" << "a.info2" << read_only << "exit 1, left [a.info2], 0 received"
                                       << "cannot remove records from ./veltrainfo/";
     QTest::newRow("folder read-only once sent") << "" << "a.info2" << read_only_once_sent
-        << "exit 1, left [.information_uploader.lock a.info2], 1 received" << "first failure: a.info2: uploaded, but not removed";
+        << "exit 1, left [.information_uploader.lock a.info2], 1 received"
+        << "first failure: a.info2: uploaded, but not removed";
     for (const QString remain : {"thirty", "0", "-3", ""})
-        QTest::newRow(qPrintable("remain=" + remain)) << "remain=" + remain + " uploadintval=abc" << "a.info2:3" << as_is
-            << "exit 0, left [], 1 received" << QString(R"(warning: "remain" is "%1"|warning: "uploadintval" is "abc")").arg(remain);
+        QTest::newRow(qPrintable("remain=" + remain)) << "remain=" + remain + " uploadintval=abc" << "a.info2:3"
+            << as_is << "exit 0, left [], 1 received"
+            << QString(R"(warning: "remain" is "%1"|warning: "uploadintval" is "abc")").arg(remain);
     QTest::newRow("connection refused") << "" << "a.info2" << service_down << "exit 1, left [a.info2], 0 received"
                                         << "first failure: a.info2: Connection refused";
     QTest::newRow("nothing due: young, the old one expired") << "uploadintval=1" << "a.info2 b.info2 old.info2:40"
         << as_is << "exit 0, left [a.info2 b.info2], 0 received"
         << R"(nothing due: 2 records younger than 1 "uploadintval" day(s))";
-    QTest::newRow("only old write leftovers removed") << "" << "a.info2.lock:2 s.score2.x1Y2z3:2 b.info2.lock s.score2:2 "
-        "x.info2.bak:2 x.info2.backup1:2 notes.txt:2" << as_is
+    QTest::newRow("only old write leftovers removed") << ""
+        << "a.info2.lock:2 s.score2.x1Y2z3:2 b.info2.lock s.score2:2 x.info2.bak:2 x.info2.backup1:2 notes.txt:2"
+        << as_is
         << "exit 0, left [b.info2.lock notes.txt s.score2 x.info2.backup1 x.info2.bak], 0 received" << "";
 }
 
@@ -113,7 +118,10 @@ void tst_uploader::one_run()
     if (condition == read_only)
         QVERIFY(chmod("veltrainfo", 0555) == 0);
     if (condition == read_only_once_sent)
-        service->set_script([](const collection::received_request&) { return chmod("veltrainfo", 0555), std::nullopt; });
+        service->set_script([](const collection::received_request&) {
+            chmod("veltrainfo", 0555);
+            return std::optional<collection::reply>();
+        });
     QStringList args{"--dir", QDir::currentPath(), "--url", record_url(*service), "--timeout", "3000"};
     // Permissions do not bind root: as root, the uploader runs without the capabilities that override them.
     if (geteuid() == 0)

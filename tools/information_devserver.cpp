@@ -2,6 +2,7 @@
 // its SQLite store in the data folder, a line per request) and switches that make it misbehave,
 // to develop and demonstrate against. Lists what it kept with --list.
 #include "collection_service/collection_service.h"
+#include "collector/data_folder.h"
 #include "collector/store.h"
 
 #include <information_api/information_api_version.h>
@@ -46,13 +47,14 @@ const char* const kDescription =
     "Uploading to it with verification (it prints the pin at start):\n"
     "  information_uploader --url $(cat DIR/url)/dtta --ca-file DIR/ca.pem --pin PIN\n"
     "\n"
-    "Exit status: 0 stopped by SIGINT or SIGTERM, 1 cannot serve, 2 bad usage.";
+    "Exit status: 0 stopped by SIGINT or SIGTERM; 1 cannot serve (the data folder cannot be made, "
+    "the address is taken, DIR/url cannot be written: the message says which); 2 bad usage.";
 
 // Accepted records in arrival order.
 int list(const fs::path& data_dir)
 {
     try {
-        const auto store = collector::open_store("sqlite:" + (data_dir / "records.sqlite3").string());
+        const auto store = collector::open_store(collector::data_folder::default_database(data_dir.string()));
         store->list({}, 0, 0, [](const collector::stored_record& r) {
             std::printf("%lld %s %s (%zu bytes)\n", static_cast<long long>(r.id), r.received_at.c_str(), r.kind.c_str(),
                         r.body.size());
@@ -87,7 +89,8 @@ int main(int argc, char** argv)
     const QCommandLineOption host_option("host", "Address to listen on (127.0.0.1).", "host", "127.0.0.1");
     const QCommandLineOption port_option("port", "Port, 1-65535 (default: one the system picks).", "n");
     const QCommandLineOption http_option("http", "Plain HTTP instead of HTTPS.");
-    const QCommandLineOption body_option("max-body-mb", "Largest body accepted, in MiB (64); larger ones get 413.", "n", "64");
+    const QCommandLineOption body_option("max-body-mb", "Largest body accepted, in MiB (64); larger ones get 413.",
+                                         "n", "64");
     const QCommandLineOption list_option("list", "List the accepted records and files in arrival order, then exit.");
     const QCommandLineOption delay_option("delay-ms", "Answer every request this late.", "ms");
     const QCommandLineOption silent_option("silent", "Never answer.");
@@ -120,8 +123,8 @@ int main(int argc, char** argv)
     if (parser.isSet(list_option))
         return list(options.data_dir);
     qulonglong port = 0, max_body_mb = 64, delay_ms = 0;
-    if ((parser.isSet(port_option) && !number(port_option, 1, 65535, port)) || !number(body_option, 1, 1 << 20, max_body_mb) ||
-        !number(delay_option, 0, 3600000, delay_ms))
+    if ((parser.isSet(port_option) && !number(port_option, 1, 65535, port))
+        || !number(body_option, 1, 1 << 20, max_body_mb) || !number(delay_option, 0, 3600000, delay_ms))
         return 2;
     options.host = parser.value(host_option).toStdString();
     options.port = int(port);
@@ -158,10 +161,17 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "information_devserver: %s\n", service.error().c_str());
         return 1;
     }
-    std::ofstream(fs::path(service.data_dir()) / "url") << service.base_url() << "\n";
+    const std::string url_path = collector::data_folder::path(service.data_dir(), collector::data_folder::kUrl);
+    std::ofstream url_file(url_path);
+    if (!(url_file << service.base_url() << "\n").flush()) {
+        std::fprintf(stderr, "information_devserver: cannot write %s\n", url_path.c_str());
+        return 1;
+    }
     std::printf("listening on %s\n", service.base_url().c_str());
     if (options.tls)
-        std::printf("trust %s/ca.pem; public-key pin %s\n", fs::absolute(service.data_dir()).c_str(),
+        std::printf("trust %s; public-key pin %s\n",
+                    collector::data_folder::path(fs::absolute(service.data_dir()), collector::data_folder::kAuthority)
+                        .c_str(),
                     service.public_key_pin().c_str());
     std::fflush(stdout);
 

@@ -4,6 +4,7 @@
 // service or a host rewriting a record never loses one: the next run sends what is left.
 #include <information_api/information_api.h>
 #include <information_api/information_api_version.h>
+#include <information_api/queued_sink.h>
 #include <information_api/transport_security.h>
 #include <information_api/windows_information_imp.h>
 
@@ -103,7 +104,10 @@ bool remove_nameless_lock(QLockFile& lock)
 // would be sent again by every run. Returns 0 when this run may send, else its exit status.
 int claim_record_folder(QLockFile& lock)
 {
-    QDir().mkpath("veltrainfo");
+    if (!QDir().mkpath("veltrainfo")) {
+        std::fprintf(stderr, "cannot create ./veltrainfo/; nothing sent\n");
+        return some_failed;
+    }
     QTemporaryFile probe("veltrainfo/.information_uploader.probe");
     if (!probe.open() || !probe.remove()) {
         std::fprintf(stderr, "cannot remove records from ./veltrainfo/ (%s); nothing sent, every "
@@ -216,31 +220,13 @@ removal remove_if_sent(const QString& file, const QByteArray& sent, QString& err
     return error.isEmpty() ? removal::changed : removal::failed;
 }
 
-// Reports arrive on the library's worker thread; they are handed to the uploader's thread.
-class forwarding_sink : public information_sink {
-public:
-    explicit forwarding_sink(std::function<void(int, response_info_t)> handle)
-        : handle_(std::move(handle)) {}
-    void on_response(int id, QVariant result) override
-    {
-        const response_info_t info = result.value<response_info_t>();
-        QMetaObject::invokeMethod(QCoreApplication::instance(),
-                                  [this, id, info] { handle_(id, info); }, Qt::QueuedConnection);
-    }
-    void on_download_progress(qint64, qint64) override {}
-    void on_download_finished(bool, int, int) override {}
-
-private:
-    std::function<void(int, response_info_t)> handle_;
-};
-
 // One pass over the due records: uploads them a few at a time, deletes each confirmed one.
 class upload_round : public QObject {
 public:
     upload_round(VeltraInfoMgr* manager, const options& opts, QString url, QString app_id,
                  std::function<void(int)> done)
         : manager_(manager), opts_(opts), url_(std::move(url)), app_id_(std::move(app_id)),
-          done_(std::move(done)), sink_([this](int id, response_info_t info) { on_report(id, info); }),
+          done_(std::move(done)), sink_(this, [this](int id, const response_info_t& info) { on_report(id, info); }),
           tty_(isatty(fileno(stdout)))
     {
     }
@@ -372,7 +358,7 @@ private:
     const QString url_;
     const QString app_id_;
     std::function<void(int)> done_;
-    forwarding_sink sink_;
+    queued_sink sink_;  // queues each report from the worker thread to this round's thread
     const bool tty_;
     std::deque<QString> pending_;
     std::map<int, std::pair<QString, QByteArray>> in_flight_;  // record file and the bytes sent
@@ -390,9 +376,10 @@ bool parse(const QCoreApplication& app, options& opts, QString& dir)
     parser.setApplicationDescription(
         "Uploads the due records of ./veltrainfo/ to the collection service and deletes each one "
         "the service confirmed while it still holds what was sent.\n\nExit status: 0 every due "
-        "record uploaded, 1 some not uploaded (or records cannot be removed from ./veltrainfo/, or "
-        "a folder with files in it stands where the uploader's lock goes), 2 bad usage, 3 "
-        "uploading disabled, 4 another uploader works on the folder.");
+        "record uploaded, 1 some not uploaded (or ./veltrainfo/ cannot be created, or records "
+        "cannot be removed from it, or a folder with files in it stands where the uploader's lock "
+        "goes), 2 bad usage (or --dir cannot be entered), 3 uploading disabled, 4 another uploader "
+        "works on the folder.");
     parser.addHelpOption();
     parser.addVersionOption();
     const QCommandLineOption dir_option({"d", "dir"}, "Directory holding ./veltrainfo/ and ./res/.", "dir");

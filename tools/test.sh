@@ -43,7 +43,7 @@ check_package() {  # package name, a dependency it must declare, files and folde
 check_package libinformation-api1 libqt5network5 "usr/lib/$multiarch/libinformation_api.so.1"
 check_package libinformation-api-dev libinformation-api1 "usr/lib/$multiarch/libinformation_api.so" \
   usr/include/information_api/information_api.h usr/include/information_api/transport_security.h \
-  usr/include/information_api/information_api_version.h "usr/lib/$multiarch/pkgconfig/information_api.pc" \
+  usr/include/information_api/queued_sink.h usr/include/information_api/information_api_version.h "usr/lib/$multiarch/pkgconfig/information_api.pc" \
   "usr/lib/$multiarch/cmake/information_api/information_apiConfig.cmake"
 check_package information-api-tools libinformation-api1 usr/bin/information_uploader usr/bin/information_devserver \
   usr/share/man/man1/information_uploader.1.gz usr/share/man/man1/information_devserver.1.gz

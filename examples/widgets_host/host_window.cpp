@@ -80,29 +80,6 @@ QString describe_download_failure(int code, int net_error)
 
 }  // namespace
 
-// The library calls these on its worker thread: they only queue the report to the window's
-// thread. A report still queued when the window is deleted is dropped with it.
-void report_forwarder::on_response(int id, QVariant result)
-{
-    const auto info = result.value<response_info_t>();
-    QMetaObject::invokeMethod(window_, [window = window_, id, info] { window->on_response(id, info); },
-                              Qt::QueuedConnection);
-}
-
-void report_forwarder::on_download_progress(qint64 received, qint64 total)
-{
-    QMetaObject::invokeMethod(window_, [window = window_, received, total] {
-        window->on_download_progress(received, total);
-    }, Qt::QueuedConnection);
-}
-
-void report_forwarder::on_download_finished(bool success, int code, int net_error)
-{
-    QMetaObject::invokeMethod(window_, [window = window_, success, code, net_error] {
-        window->on_download_finished(success, code, net_error);
-    }, Qt::QueuedConnection);
-}
-
 host_window::host_window(information_api::VeltraInfoMgr* manager, service_locations services,
                          QWidget* parent)
     : QMainWindow(parent), manager_(manager), services_(std::move(services))

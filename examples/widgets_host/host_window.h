@@ -6,6 +6,7 @@
 #pragma once
 
 #include <information_api/information_api.h>
+#include <information_api/queued_sink.h>
 
 #include <QMainWindow>
 #include <QSet>
@@ -24,26 +25,12 @@ class QProgressBar;
 class QPushButton;
 class QSpinBox;
 
-class host_window;
-
 // Where the services are. A deployed build has them compiled into the library; an empty
 // service_url keeps those.
 struct service_locations {
     QString service_url;       // records to <url>/dtta, files to <url>/up, <url>/software/...
     QString installer_url;     // empty: no installer to offer
     QString installer_sha256;  // hexadecimal
-};
-
-// The sink the library calls on its worker thread: it only queues each report to the window.
-class report_forwarder : public information_api::information_sink {
-public:
-    explicit report_forwarder(host_window* window) : window_(window) {}
-    void on_response(int id, QVariant result) override;
-    void on_download_progress(qint64 received, qint64 total) override;
-    void on_download_finished(bool success, int code, int net_error) override;
-
-private:
-    host_window* const window_;
 };
 
 class host_window : public QMainWindow {
@@ -55,7 +42,6 @@ public:
                 QWidget* parent = nullptr);
 
 private:
-    friend class report_forwarder;
     using final_report_handler = std::function<void(const information_api::response_info_t&)>;
 
     QWidget* create_consent_box();
@@ -86,7 +72,11 @@ private:
     information_api::VeltraInfoMgr* const manager_;
     const service_locations services_;
     QString interface_base_url_;
-    report_forwarder sink_{this};
+    // Reports arrive on the library's worker thread; the sink queues each one to this window.
+    information_api::queued_sink sink_{
+        this, [this](int id, const information_api::response_info_t& info) { on_response(id, info); },
+        [this](qint64 received, qint64 total) { on_download_progress(received, total); },
+        [this](bool success, int code, int net_error) { on_download_finished(success, code, net_error); }};
     std::map<int, final_report_handler> open_connections_;
     QStringList records_waiting_;  // due, not yet sent: a few go at a time
     QSet<QString> records_in_flight_;

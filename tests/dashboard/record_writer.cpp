@@ -1,6 +1,7 @@
 // Writes, through the library, the records the browser test uploads: an ordinary round (its
-// feedback naming the attachment whose dfs_id is the second argument) and a hostile round (markup, event handlers, a very long serial, right-to-left text in the fields the
-// dashboard shows), each a usage, calibration, scan and feedback record.
+// feedback naming the attachment whose dfs_id is the second argument) and a hostile round (markup,
+// event handlers, a very long serial, right-to-left text in the fields the dashboard shows), each a
+// usage, calibration, scan and feedback record.
 #include <information_api/information_api.h>
 
 #include <QCoreApplication>
@@ -16,7 +17,8 @@ static void record_round(VeltraInfoMgr* m, QString version, QString model, const
     m->setDeviceSerial(serial);
     QString ple = "tt-K300.ple", modular = "turntable", start = "2026-11-23T08:00:00Z", end = "2026-11-23T08:02:00Z";
     QStringList modulars{modular}, ples{ple}, classes{"plate"}, starts{start}, ends{end}, results{text};
-    m->create_calibrate_inifo(modulars, version, ple, model, modular, ples, start, end, classes, starts, ends, results, 1);
+    m->create_calibrate_inifo(modulars, version, ple, model, modular, ples, start, end, classes, starts, ends, results,
+                              1);
     information_api::_tag_scan_info scan;
     scan.ple = ple;
     scan.modelName = model;
@@ -42,7 +44,9 @@ int main(int argc, char** argv)
     QThread::msleep(1100);
     record_round(m, "<script>document.title='pwned'</script>", "<img src=x onerror=\"document.title='pwned'\">",
                  "\u202Egpj.exe" + QString(20000, 'W'),
-                 QString::fromUtf8("\u05E9\u05DC\u05D5\u05DD \u0645\u0631\u062D\u0628\u0627 </pre><b onmouseover=alert(1)>x"), {});
+                 QString::fromUtf8("\u05E9\u05DC\u05D5\u05DD \u0645\u0631\u062D\u0628\u0627 </pre>"
+                                   "<b onmouseover=alert(1)>x"),
+                 {});
     information_api::information_clean();
     return 0;
 }

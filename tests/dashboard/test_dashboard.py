@@ -93,7 +93,8 @@ def check_untouched(driver):
     """Hostile fields stayed text: no element or handler of theirs, the page no wider than the window."""
     assert driver.title.startswith('Records'), driver.title
     assert not driver.find_elements(By.CSS_SELECTOR, 'main img, main b, [onerror], [onmouseover]')
-    assert len(driver.find_elements(By.TAG_NAME, 'script')) == len(driver.find_elements(By.CSS_SELECTOR, 'script[src^="/static/"]'))
+    own_scripts = driver.find_elements(By.CSS_SELECTOR, 'script[src^="/static/"]')
+    assert len(driver.find_elements(By.TAG_NAME, 'script')) == len(own_scripts)
     assert driver.execute_script('return document.documentElement.scrollWidth <= window.innerWidth')
 
 
@@ -116,7 +117,8 @@ def main():
         open_page(driver, url)
         assert numbers(driver) == (kinds, sum(kinds.values())), numbers(driver)
         hostile_version = "<script>document.title='pwned'</script>"
-        assert hostile_version in [c.text for c in driver.find_elements(By.CSS_SELECTOR, '.top[data-dimension=version] th')]
+        versions = driver.find_elements(By.CSS_SELECTOR, '.top[data-dimension=version] th')
+        assert hostile_version in [c.text for c in versions]
         check_untouched(driver)
         driver.save_screenshot(os.path.join(OUT, 'dashboard-overview.png'))
 
@@ -137,7 +139,8 @@ def main():
         link = driver.find_element(By.ID, 'export-jsonl').get_attribute('href')
         exported = driver.execute_async_script(
             'fetch(arguments[0]).then((r) => r.text()).then(arguments[1])', link)
-        command_line = subprocess.run([COLLECTOR, 'export', '--data-dir', DATA, '--format', 'jsonl', '--kind', 'calibration'] + DATABASE,
+        command_line = subprocess.run([COLLECTOR, 'export', '--data-dir', DATA, '--format', 'jsonl',
+                                       '--kind', 'calibration'] + DATABASE,
                                       check=True, capture_output=True, text=True).stdout
         assert exported == command_line and exported.count('\n') == kinds['calibration'], exported[:300]
 
@@ -146,10 +149,12 @@ def main():
         link = driver.find_element(By.CSS_SELECTOR, 'a[href^="/api/v1/attachments/"]').get_attribute('href')
         status, body, headers = fetch(link)
         assert link.endswith(attachment) and (status, body) == (200, ATTACHMENT), (link, status)
-        assert headers['Content-Disposition'].startswith('attachment') and headers['Content-Type'] == 'application/octet-stream'
+        assert headers['Content-Disposition'].startswith('attachment')
+        assert headers['Content-Type'] == 'application/octet-stream'
         status, body, headers = fetch(url + 'api/v1/records?limit=3&offset=5', {'Authorization': 'Bearer wrong'})
         assert status == 200 and [r['id'] for r in json.loads(body)['records']] == [6, 7]  # loopback: no token
-        assert "script-src 'self';" in headers['Content-Security-Policy'] and 'unsafe' not in headers['Content-Security-Policy']
+        policy = headers['Content-Security-Policy']
+        assert "script-src 'self';" in policy and 'unsafe' not in policy
     finally:
         collector.terminate()
         collector.wait()

@@ -15,8 +15,8 @@ endif()
 
 # Only the public headers may be installed.
 file(GLOB headers RELATIVE ${PREFIX}/include/information_api ${PREFIX}/include/information_api/*)
-set(expected information_api.h information_api_export.h information_api_version.h transport_security.h
-             windows_information_imp.h)
+set(expected information_api.h information_api_export.h information_api_version.h queued_sink.h
+             transport_security.h windows_information_imp.h)
 if(WITH_MACOS_COLLECTOR)
   set(expected KrMacosInfo.h ${expected})
 endif()

@@ -1,6 +1,7 @@
 #include "collection_service.h"
 
 #include "tools/collector/certificates.h"
+#include "tools/collector/data_folder.h"
 #include "tools/collector/protocol.h"
 #include "tools/collector/store.h"
 #include "tools/collector/transport.h"
@@ -96,8 +97,8 @@ void collection_service::impl::handle(collector::exchange& ex)
         const bool too_large = state == collector::exchange::body_state::too_large;
         reply refusal;
         refusal.status = too_large ? 413 : 400;
-        refusal.body = collector::failure_body(too_large ? "body larger than " + std::to_string(options.max_body_size) + " bytes"
-                                                         : "body incomplete");
+        refusal.body = collector::failure_body(
+            too_large ? "body larger than " + std::to_string(options.max_body_size) + " bytes" : "body incomplete");
         respond(refusal, ex);
         status = refusal.status;
     } else {
@@ -183,20 +184,20 @@ bool collection_service::start()
         d.data_dir = pattern;
         d.own_data_dir = true;
     }
-    std::error_code ec;
-    fs::create_directories(d.data_dir, ec);
-    fs::remove_all(fs::path(d.data_dir) / "incoming", ec);  // what a killed run left half-written
+    if (!collector::data_folder::prepare(d.data_dir, d.error))
+        return false;
     collector::transport_options transport;
     if (d.options.tls) {
-        collector::tls_settings tls{d.data_dir + "/cert.pem", d.data_dir + "/key.pem", d.options.tls13_only,
-                                    d.options.prompt_ack};
+        collector::tls_settings tls{collector::data_folder::path(d.data_dir, collector::data_folder::kCertificate),
+                                    collector::data_folder::path(d.data_dir, collector::data_folder::kKey),
+                                    d.options.tls13_only, d.options.prompt_ack};
         if (!collector::ensure_local_certificates(d.data_dir, d.options.self_signed, d.error) ||
             !(transport.tls = collector::make_tls_context(tls, d.error)))
             return false;
     }
     try {
         if (d.options.store_received && !d.store)
-            d.store = collector::open_store("sqlite:" + d.data_dir + "/records.sqlite3");
+            d.store = collector::open_store(collector::data_folder::default_database(d.data_dir));
     } catch (const collector::store_error& e) {
         d.error = e.what();
         return false;
@@ -231,7 +232,10 @@ void collection_service::stop()
         d.server->stop(true);
 }
 
-std::string collection_service::public_key_pin() const { return collector::public_key_pin(d_->data_dir + "/cert.pem"); }
+std::string collection_service::public_key_pin() const
+{
+    return collector::public_key_pin(collector::data_folder::path(d_->data_dir, collector::data_folder::kCertificate));
+}
 const std::string& collection_service::error() const { return d_->error; }
 int collection_service::port() const { return d_->port; }
 const std::string& collection_service::data_dir() const { return d_->data_dir; }

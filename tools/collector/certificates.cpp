@@ -1,4 +1,5 @@
 #include "certificates.h"
+#include "data_folder.h"
 
 #include <boost/asio/ssl.hpp>
 
@@ -75,15 +76,16 @@ bool create_certificates(const std::string& dir, bool self_signed)
     EVP_PKEY* authority_key = self_signed ? nullptr : EVP_EC_gen("P-256");
     X509* authority = self_signed || !authority_key
                           ? nullptr
-                          : issue_certificate(authority_key, "information_api local authority", nullptr, authority_key, true);
+                          : issue_certificate(authority_key, "information_api local authority", nullptr,
+                                              authority_key, true);
     X509* cert = !key || (!self_signed && !authority)
                      ? nullptr
                      : issue_certificate(key, "127.0.0.1", authority, self_signed ? key : authority_key, false);
-    bool ok = cert && (self_signed || write_certificate(dir + "/ca.pem", authority)) &&
-              write_certificate(dir + "/cert.pem", cert);
+    bool ok = cert && (self_signed || write_certificate(data_folder::path(dir, data_folder::kAuthority), authority)) &&
+              write_certificate(data_folder::path(dir, data_folder::kCertificate), cert);
     if (ok) {
         // The key is private from its first byte on: created 0600, never readable by others.
-        const std::string key_path = dir + "/key.pem";
+        const std::string key_path = data_folder::path(dir, data_folder::kKey);
         std::remove(key_path.c_str());
         const int key_fd = ::open(key_path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
         FILE* k = key_fd >= 0 ? ::fdopen(key_fd, "w") : nullptr;
@@ -118,8 +120,9 @@ void attach_socket(void* ssl, int fd)
 bool ensure_local_certificates(const std::string& dir, bool self_signed, std::string& error)
 {
     std::error_code ec;
-    if (fs::exists(dir + "/cert.pem", ec) && fs::exists(dir + "/key.pem", ec) &&
-        (self_signed || fs::exists(dir + "/ca.pem", ec)))
+    const auto present = [&](const char* name) { return fs::exists(data_folder::path(dir, name), ec); };
+    if (present(data_folder::kCertificate) && present(data_folder::kKey)
+        && (self_signed || present(data_folder::kAuthority)))
         return true;
     if (create_certificates(dir, self_signed))
         return true;

@@ -1,5 +1,6 @@
 #include "dashboard.h"
 
+#include "data_folder.h"
 #include "export.h"
 
 #include <QFile>
@@ -68,7 +69,8 @@ std::map<std::string, std::string> form_fields(const std::string& text)
     std::stringstream pieces(text);
     for (std::string piece; std::getline(pieces, piece, '&');) {
         const std::size_t eq = piece.find('=');
-        fields.emplace(percent_decode(piece.substr(0, eq)), eq == std::string::npos ? "" : percent_decode(piece.substr(eq + 1)));
+        fields.emplace(percent_decode(piece.substr(0, eq)),
+                       eq == std::string::npos ? "" : percent_decode(piece.substr(eq + 1)));
     }
     return fields;
 }
@@ -144,7 +146,8 @@ std::string json(const QJsonObject& object)
 
 bool parse_count(const std::string& text, std::int64_t& out)
 {
-    if (text.empty() || text.size() > 12 || !std::all_of(text.begin(), text.end(), [](char c) { return std::isdigit(static_cast<unsigned char>(c)); }))
+    const auto is_digit = [](char c) { return std::isdigit(static_cast<unsigned char>(c)) != 0; };
+    if (text.empty() || text.size() > 12 || !std::all_of(text.begin(), text.end(), is_digit))
         return false;
     out = std::stoll(text);
     return true;
@@ -365,7 +368,8 @@ void dashboard::send_export(exchange& ex, const std::string& query)
     record_filter filter;
     std::string why;
     export_format format;
-    if (!parse_filter(fields, filter, why) || !parse_export_format(fields.count("format") ? fields.at("format") : "", format)) {
+    const std::string format_text = fields.count("format") ? fields.at("format") : "";
+    if (!parse_filter(fields, filter, why) || !parse_export_format(format_text, format)) {
         send(ex, error_reply(400, why.empty() ? "format takes csv or jsonl" : why));
         return;
     }
@@ -403,14 +407,14 @@ dashboard::reply dashboard::attachment(const std::string& dfs_id)
     if (!store_.find_attachment(dfs_id, found) || found.sha256.size() != 64 ||
         found.sha256.find_first_not_of("0123456789abcdef") != std::string::npos)
         return error_reply(404, "no such attachment");
-    std::ifstream file(options_.data_dir + "/files/uploads/" + found.sha256.substr(0, 2) + "/" + found.sha256,
-                       std::ios::binary);
+    const std::string uploads = data_folder::path(options_.data_dir, data_folder::kUploads);
+    std::ifstream file(uploads + "/" + found.sha256.substr(0, 2) + "/" + found.sha256, std::ios::binary);
     if (!file)
         return error_reply(404, "the attachment's file is gone");
     // The client named the file: only plain characters reach the header; never shown inline.
     std::string name;
     for (const char c : found.filename)
-        name += std::isalnum(static_cast<unsigned char>(c)) || std::string("._-").find(c) != std::string::npos ? c : '_';
+        name += std::isalnum(static_cast<unsigned char>(c)) || c == '.' || c == '_' || c == '-' ? c : '_';
     return {200, "application/octet-stream", std::string(std::istreambuf_iterator<char>(file), {}),
             {{"Content-Disposition", "attachment; filename=\"" + (name.empty() ? "attachment" : name) + "\""}}};
 }
@@ -477,7 +481,7 @@ bool is_loopback_host(const std::string& host)
 
 std::string dashboard_token(const std::string& data_dir, std::string& error)
 {
-    const std::string path = data_dir + "/dashboard.token";
+    const std::string path = data_folder::path(data_dir, data_folder::kDashboardToken);
     std::ifstream existing(path);
     std::string token;
     if (existing && std::getline(existing, token) && !token.empty())
@@ -489,8 +493,10 @@ std::string dashboard_token(const std::string& data_dir, std::string& error)
     }
     static const char hex[] = "0123456789abcdef";
     token.clear();
-    for (const unsigned char b : bytes)
-        token += hex[b >> 4], token += hex[b & 15];
+    for (const unsigned char b : bytes) {
+        token += hex[b >> 4];
+        token += hex[b & 15];
+    }
     const mode_t old_mask = ::umask(077);  // 0600 from its first byte
     std::ofstream file(path, std::ios::trunc);
     file << token << '\n';
@@ -540,7 +546,12 @@ bool dashboard_listener::start(const std::string& address, std::string& error)
         return false;
     const std::string shown_host = host.find(':') != std::string::npos ? "[" + host + "]" : host;
     url_ = std::string(tls_ ? "https" : "http") + "://" + shown_host + ":" + std::to_string(server_->port()) + "/";
-    std::ofstream(data_dir_ + "/dashboard_url") << url_ << '\n';
+    const std::string url_path = data_folder::path(data_dir_, data_folder::kDashboardUrl);
+    std::ofstream url_file(url_path);
+    if (!(url_file << url_ << '\n').flush()) {
+        error = "cannot write " + url_path;
+        return false;
+    }
     std::printf("dashboard on %s\n", url_.c_str());
     std::fflush(stdout);
     return true;

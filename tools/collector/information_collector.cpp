@@ -1,6 +1,7 @@
 // information_collector: receives the library's records and files and keeps them in a database;
 // answers "success" only once a record is durable. Sub-commands serve, export, delete, purge, stats.
 #include "app_ids.h"
+#include "data_folder.h"
 #include "certificates.h"
 #include "dashboard.h"
 #include "protocol.h"
@@ -37,7 +38,8 @@ const char* const kDescription =
     "  GET /software/NAME/interface.json, GET /files/PATH   files from the data folder\n"
     "\n"
     "Commands (each takes --data-dir DIR or --database URL):\n"
-    "  serve [--listen ADDR:PORT] [--dashboard ADDR:PORT] [--tls-cert PEM --tls-key PEM] [--app-id ID]... [--retention-days N]\n"
+    "  serve [--listen ADDR:PORT] [--dashboard ADDR:PORT] [--tls-cert PEM --tls-key PEM] [--app-id ID]...\n"
+    "        [--retention-days N]\n"
     "        prints \"listening on URL\" and writes the URL to DIR/url. Without --tls-cert it uses\n"
     "        its own local authority in DIR (ca.pem, cert.pem, key.pem) and prints the pin.\n"
     "        The dashboard (pages and JSON API) listens on --dashboard (127.0.0.1 on any free port),\n"
@@ -118,11 +120,9 @@ std::string csv_field(const std::string& text)
 int serve(const QCommandLineParser& parser, const std::string& data_dir, const std::string& database,
           std::vector<std::string> app_ids, int retention_days)
 {
-    std::error_code ec;
-    fs::create_directories(data_dir, ec);
-    if (ec || !fs::is_directory(data_dir, ec))
-        failure("cannot create the data folder " + data_dir + (ec ? ": " + ec.message() : ""));
-    fs::remove_all(fs::path(data_dir) / "incoming", ec);  // what a killed run left half-written
+    std::string error;
+    if (!data_folder::prepare(data_dir, error))
+        failure(error);
 
     const QString listen = parser.value("listen");
     const int colon = listen.lastIndexOf(':');
@@ -145,13 +145,12 @@ int serve(const QCommandLineParser& parser, const std::string& data_dir, const s
     const bool own_certificate = parser.isSet("tls-cert") || parser.isSet("tls-key");
     if (own_certificate && !(parser.isSet("tls-cert") && parser.isSet("tls-key")))
         usage_error("--tls-cert and --tls-key go together");
-    std::string error;
     if (own_certificate) {
         tls.cert_file = parser.value("tls-cert").toStdString();
         tls.key_file = parser.value("tls-key").toStdString();
     } else {
-        tls.cert_file = data_dir + "/cert.pem";
-        tls.key_file = data_dir + "/key.pem";
+        tls.cert_file = data_folder::path(data_dir, data_folder::kCertificate);
+        tls.key_file = data_folder::path(data_dir, data_folder::kKey);
         if (!ensure_local_certificates(data_dir, false, error))
             failure(error);
     }
@@ -180,14 +179,15 @@ int serve(const QCommandLineParser& parser, const std::string& data_dir, const s
         failure(error);
     const std::string url = "https://" + transport.host + ":" + std::to_string(server.port());
     {
-        std::ofstream file(fs::path(data_dir) / "url");
-        file << url << "\n";
-        if (!file.flush())
-            failure("cannot write " + data_dir + "/url");
+        const std::string url_path = data_folder::path(data_dir, data_folder::kUrl);
+        std::ofstream file(url_path);
+        if (!(file << url << "\n").flush())
+            failure("cannot write " + url_path);
     }
     std::printf("listening on %s\n", url.c_str());
     if (!own_certificate)
-        std::printf("trust %s/ca.pem; public-key pin %s\n", fs::absolute(data_dir).c_str(),
+        std::printf("trust %s; public-key pin %s\n",
+                    data_folder::path(fs::absolute(data_dir), data_folder::kAuthority).c_str(),
                     public_key_pin(tls.cert_file).c_str());
     std::fflush(stdout);
     dashboard_listener dashboard(*store, data_dir, transport.tls);
@@ -208,7 +208,8 @@ int serve(const QCommandLineParser& parser, const std::string& data_dir, const s
                 old.until = utc_timestamp(retention_days);
                 try {
                     const std::int64_t n = store->remove(old);
-                    std::printf("purged %lld records received before %s\n", static_cast<long long>(n), old.until.c_str());
+                    std::printf("purged %lld records received before %s\n", static_cast<long long>(n),
+                                old.until.c_str());
                 } catch (const store_error& e) {
                     std::fprintf(stderr, "information_collector: purge failed, tried again tomorrow: %s\n", e.what());
                 }
@@ -277,7 +278,8 @@ int main(int argc, char** argv)
         usage_error("name one command: serve, export, delete, purge or stats (see --help)");
     const QString command = positional.first();
     const std::map<QString, QStringList> allowed = {
-        {"serve", {"listen", "dashboard", "tls-cert", "tls-key", "app-id", "retention-days", "max-body-mb", "max-connections"}},
+        {"serve", {"listen", "dashboard", "tls-cert", "tls-key", "app-id", "retention-days", "max-body-mb",
+                   "max-connections"}},
         {"export", {"kind", "since", "until", "format"}},
         {"delete", {"serial"}},
         {"purge", {"older-than-days"}},
@@ -292,7 +294,7 @@ int main(int argc, char** argv)
 
     const std::string data_dir = parser.value("data-dir").toStdString();
     const std::string database =
-        parser.isSet("database") ? parser.value("database").toStdString() : "sqlite:" + data_dir + "/records.sqlite3";
+        parser.isSet("database") ? parser.value("database").toStdString() : data_folder::default_database(data_dir);
     const auto whole_number = [&](const char* option) {
         bool ok = false;
         const int n = parser.value(option).toInt(&ok);
@@ -367,7 +369,8 @@ int main(int argc, char** argv)
                 std::printf("by %s:\n", title);
                 auto rows = store->counts(filter, {by});
                 if (by == dimension::day)  // days in order, the others largest first
-                    std::sort(rows.begin(), rows.end(), [](const count_row& a, const count_row& b) { return a.keys < b.keys; });
+                    std::sort(rows.begin(), rows.end(),
+                              [](const count_row& a, const count_row& b) { return a.keys < b.keys; });
                 for (const count_row& row : rows)
                     std::printf("  %-24s %lld\n", row.keys[0].empty() ? "(none)" : row.keys[0].c_str(),
                                 static_cast<long long>(row.count));

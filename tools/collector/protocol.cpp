@@ -1,5 +1,6 @@
 #include "protocol.h"
 
+#include "data_folder.h"
 #include "store_engine.h"
 
 #include <openssl/evp.h>
@@ -73,8 +74,8 @@ public:
     {
         EVP_DigestInit_ex(hash_, EVP_sha256(), nullptr);
         std::error_code ec;
-        fs::create_directories(data_dir / "incoming", ec);
-        path_ = data_dir / "incoming" / fresh_dfs_id();
+        fs::create_directories(data_dir / data_folder::kIncoming, ec);
+        path_ = data_dir / data_folder::kIncoming / fresh_dfs_id();
         fd_ = ::open(path_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
         ok_ = fd_ >= 0;
     }
@@ -93,7 +94,9 @@ public:
         while (ok_ && size > 0) {
             const ssize_t n = ::write(fd_, data, size);
             ok_ = n > 0;
-            data += n > 0 ? n : 0, size -= n > 0 ? std::size_t(n) : 0;
+            const std::size_t written = n > 0 ? std::size_t(n) : 0;
+            data += written;
+            size -= written;
         }
     }
     // Durable under its content's name; returns that name (empty on failure).
@@ -106,7 +109,7 @@ public:
             std::snprintf(hex + 2 * i, 3, "%02x", digest[i]);
         if (!ok_ || ::fsync(fd_) != 0)
             return {};
-        const fs::path folder = data_dir_ / "files" / "uploads" / std::string(hex, 2);
+        const fs::path folder = data_dir_ / data_folder::kUploads / std::string(hex, 2);
         std::error_code ec;
         fs::create_directories(folder, ec);
         if (::rename(path_.c_str(), (folder / hex).c_str()) != 0)
@@ -246,7 +249,8 @@ std::string fresh_dfs_id()
     static std::mutex mutex;
     std::lock_guard<std::mutex> lock(mutex);
     char text[25];
-    std::snprintf(text, sizeof text, "%08x%016llx", unsigned(generator()), static_cast<unsigned long long>(generator()));
+    std::snprintf(text, sizeof text, "%08x%016llx", unsigned(generator()),
+                  static_cast<unsigned long long>(generator()));
     return text;
 }
 
@@ -287,7 +291,10 @@ bool multipart_reader::step()
     case state::after_delimiter:
         if (pending_.size() < 2)
             return false;
-        state_ = pending_.compare(0, 2, "--") == 0 ? state::done : pending_.compare(0, 2, "\r\n") == 0 ? state::head : state::broken;
+        if (pending_.compare(0, 2, "--") == 0)
+            state_ = state::done;
+        else
+            state_ = pending_.compare(0, 2, "\r\n") == 0 ? state::head : state::broken;
         pending_.erase(0, 2);
         return state_ == state::head;
     case state::head: {
@@ -368,8 +375,8 @@ void protocol::answer_directly(exchange& ex)
 {
     const http_request& request = ex.request();
     const std::string& path = request.path;
-    const bool servable = request.method == "GET" &&
-                          (path.rfind("/software/", 0) == 0 || (path.rfind("/files/", 0) == 0 && path.rfind("/files/uploads/", 0) != 0));
+    const bool served_file = path.rfind("/files/", 0) == 0 && path.rfind("/files/uploads/", 0) != 0;
+    const bool servable = request.method == "GET" && (path.rfind("/software/", 0) == 0 || served_file);
     if (servable) {
         const fs::path relative(path.substr(1));
         if (std::any_of(relative.begin(), relative.end(), [](const fs::path& piece) { return piece == ".."; })) {
