@@ -18,9 +18,16 @@ using collection::reply;
 enum class server { https, http, tls13_only, forger, stopped };
 enum class policy { none, authority, authority_and_pin, wrong_pin, wrong_pin_only, system_store };
 using request = std::function<void(const QString& base, information_sink* sink)>;
-Q_DECLARE_METATYPE(server)
-Q_DECLARE_METATYPE(policy)
-Q_DECLARE_METATYPE(request)
+// One row of a request kind's table, which tst_network::exchange() runs.
+struct exchange_row {
+    server kind;
+    collection::reply answer;
+    policy settings;
+    bool initialised;  // false: no worker, the caller's thread serves
+    request call;
+    QString sent, heard, left;  // wire(), told(), files()
+};
+Q_DECLARE_METATYPE(exchange_row)
 
 class tst_network : public QObject {
     Q_OBJECT
@@ -34,9 +41,8 @@ private slots:
     void time_outs_and_threads_data();  void time_outs_and_threads() { exchange(); }
     void file_uploads_data();           void file_uploads() { exchange(); }
     void interface_fetches_data();      void interface_fetches() { exchange(); }
-    void downloads_data();              void downloads() { exchange(); }
+    void downloads_data();              void downloads() { exchange(); }  // downLoadApp, download_verified
     void verification_data();           void verification() { exchange(); }
-    void verified_downloads_data();     void verified_downloads() { exchange(); }
     void calls_from_inside_a_report();
 
 private:
@@ -187,23 +193,12 @@ QString as_expected(const QString& actual, const QString& expected)
     return expected.endsWith("...") && actual.startsWith(expected.chopped(3)) ? expected : actual;
 }
 
-// The columns of every request kind's table, which tst_network::exchange() runs.
-void columns()
-{
-    QTest::addColumn<server>("kind");
-    QTest::addColumn<reply>("answer");
-    QTest::addColumn<policy>("settings");
-    QTest::addColumn<bool>("initialised");  // false: no worker, the caller's thread serves
-    QTest::addColumn<request>("call");
-    QTest::addColumn<QString>("sent");   // wire()
-    QTest::addColumn<QString>("heard");  // told()
-    QTest::addColumn<QString>("left");   // files()
-}
+void columns() { QTest::addColumn<exchange_row>("row"); }
 
 void row(const char* name, server kind, reply a, policy p, request call, QString sent, QString heard, QString left = "",
          bool initialised = true)
 {
-    QTest::newRow(name) << kind << a << p << initialised << call << sent << heard << left;
+    QTest::newRow(name) << exchange_row{kind, a, p, initialised, call, sent, heard, left};
 }
 
 // `r` sent `size` bytes at a time, `pause_ms` apart.
@@ -372,33 +367,8 @@ void tst_network::downloads_data()
     row("target cannot be written: success", https, installer, none, download("no-such-dir/app.exe"), app, done, "");
     row("404: the error page kept, no report", https, real, none, download("a.b"), app, "",
         ".temp=<html><body><h1>404 Not Found</h1></body></html>");  // the target deleted first
-}
 
-void tst_network::verification_data()
-{
-    columns();
-    // Opt-in: the chain, the host name, pins, https only; refused before a byte of the request.
-    const QString tls = "0 7 6 / 0 7 6 SSL handshake failed: The certificate is self-signed, and untrusted";
-    const policy ca = policy::authority;
-    row("the right chain, https in capitals", https, real, ca, via("HTTPS", record()), post, ok);
-    row("the right chain and pin", https, real, policy::authority_and_pin, file(), up, ok + " result <id>");
-    row("forger refused: record", server::forger, real, ca, record(), "", tls);
-    row("forger refused: interface", server::forger, real, ca, fetch(), "", tls);
-    row("forger refused: download", server::forger, installer, ca, download(), "", "", "");
-    row("forger refused: verified download", server::forger, installer, ca, verified(), "", "finished 0 7 6", kept);
-    row("pinned out: record", https, real, policy::wrong_pin, record(), "", "0 7 6 / 0 7 6 public key pin mismatch");
-    row("pinned out without a chain: file", https, real, policy::wrong_pin_only, file(), "",
-        "0 7 6 public key pin mismatch");
-    row("plain http refused unsent", server::http, real, ca, record(), "",
-        "0 7 302 refused to send: only https is allowed while server verification is on");
-    row("the system store knows no local authority", https, real, policy::system_store, fetch(), "",
-        "0 7 6 / 0 7 6 ...");
-}
-
-void tst_network::verified_downloads_data()
-{
-    columns();
-    // Committed only for a 2xx answer with the right SHA-256; exactly one end.
+    // download_verified: committed only for a 2xx answer with the right SHA-256; exactly one end.
     row("verified", https, installer, none, verified(), app, "finished 1 0 0",
         "app.exe=<3145728 bytes> app.temp=leftover");
     row("hash mismatch", https, installer, none, verified("app.exe", "other"), app, "finished 0 9 0", kept);
@@ -422,16 +392,31 @@ void tst_network::verified_downloads_data()
         }, app, "", kept);
 }
 
+void tst_network::verification_data()
+{
+    columns();
+    // Opt-in: the chain, the host name, pins, https only; refused before a byte of the request.
+    const QString tls = "0 7 6 / 0 7 6 SSL handshake failed: The certificate is self-signed, and untrusted";
+    const policy ca = policy::authority;
+    row("the right chain, https in capitals", https, real, ca, via("HTTPS", record()), post, ok);
+    row("the right chain and pin", https, real, policy::authority_and_pin, file(), up, ok + " result <id>");
+    row("forger refused: record", server::forger, real, ca, record(), "", tls);
+    row("forger refused: interface", server::forger, real, ca, fetch(), "", tls);
+    row("forger refused: download", server::forger, installer, ca, download(), "", "", "");
+    row("forger refused: verified download", server::forger, installer, ca, verified(), "", "finished 0 7 6", kept);
+    row("pinned out: record", https, real, policy::wrong_pin, record(), "", "0 7 6 / 0 7 6 public key pin mismatch");
+    row("pinned out without a chain: file", https, real, policy::wrong_pin_only, file(), "",
+        "0 7 6 public key pin mismatch");
+    row("plain http refused unsent", server::http, real, ca, record(), "",
+        "0 7 302 refused to send: only https is allowed while server verification is on");
+    row("the system store knows no local authority", https, real, policy::system_store, fetch(), "",
+        "0 7 6 / 0 7 6 ...");
+}
+
 void tst_network::exchange()
 {
-    QFETCH(server, kind);
-    QFETCH(reply, answer);
-    QFETCH(policy, settings);
-    QFETCH(bool, initialised);
-    QFETCH(request, call);
-    QFETCH(QString, sent);
-    QFETCH(QString, heard);
-    QFETCH(QString, left);
+    QFETCH(const exchange_row, row);
+    const auto& [kind, answer, settings, initialised, call, sent, heard, left] = row;
     recording_sink sink;
     sink.then = [](int) { throw std::runtime_error("host bug"); };  // a faulty host: later reports still come
     scoped_working_dir dir;
