@@ -1,30 +1,21 @@
 #include "information_api/http.h"
 
 #include "information_api/json_handler.h"
-#include "information_api/transport_security.h"
 
 #include <glog/logging.h>
 
 #include <QDebug>
-#include <QCryptographicHash>
 #include <QDeadlineTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QHttpMultiPart>
 #include <QNetworkAccessManager>
-#include <QSaveFile>
-#include <QSet>
-#include <QSslCertificate>
-#include <QSslConfiguration>
-#include <QSslKey>
 #include <QTimer>
 #include <QUrl>
 
 #include <algorithm>
-#include <cerrno>
 #include <ctime>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -54,7 +45,6 @@ namespace {
 // most 10 MiB and 35 ms.
 constexpr qint64 kMaxServiceAnswerBytes = 16 << 10;
 constexpr qint64 kMaxInterfaceFileBytes = 1 << 20;
-constexpr qint64 kMaxCaFileBytes = 16 << 20;
 
 // Kernel pseudo-files claim to be regular, but their size says nothing about their content.
 bool on_pseudo_file_system(int fd)
@@ -74,36 +64,6 @@ bool on_pseudo_file_system(int fd)
     return false;
 }
 
-// Opens `path` for reading only if it is a regular file; null otherwise. Opening a FIFO would
-// block until a writer comes, and Qt's multipart device writes past its buffer when a device or
-// a pseudo-file yields more than its size. Checked before opening (opening a device may act) and
-// again on what was opened.
-std::unique_ptr<QFile> open_regular_file(const QString& path)
-{
-    const QByteArray name = QFile::encodeName(path);
-    struct stat info;
-    if (name.isEmpty() || ::stat(name.constData(), &info) != 0 || !S_ISREG(info.st_mode))
-        return nullptr;
-    const int fd = ::open(name.constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0)
-        return nullptr;
-    auto file = std::make_unique<QFile>(path);
-    if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) || on_pseudo_file_system(fd) ||
-        !file->open(fd, QIODevice::ReadOnly, QFileDevice::AutoCloseHandle)) {
-        ::close(fd);
-        return nullptr;
-    }
-    return file;
-}
-
-// A download may replace a regular file or create a new name, nothing else: QSaveFile would write
-// through a symbolic link, and replace a FIFO or a device node.
-bool may_replace(const QString& path)
-{
-    struct stat info;
-    return ::lstat(QFile::encodeName(path).constData(), &info) != 0 ? errno == ENOENT : S_ISREG(info.st_mode);
-}
-
 // A header line ends at CR or LF: one inside a name or value would start a header of the sender's
 // choosing. Taken up to the first NUL, as before.
 QByteArray header_field(const char* text)
@@ -112,93 +72,9 @@ QByteArray header_field(const char* text)
     return field.replace('\r', QByteArray()).replace('\n', QByteArray());
 }
 
-// Same test as the regular expression "^[Hh][Tt]{2}[Pp][Ss]:", without compiling one per request.
-bool is_https_url(const QString& url)
-{
-    return url.size() >= 6 && url[0].toLower() == 'h' && url[1].toLower() == 't' &&
-           url[2].toLower() == 't' && url[3].toLower() == 'p' && url[4].toLower() == 's' &&
-           url[5] == ':';
-}
-
-// The process's transport policy. By default the service's hosts are not checked and the
-// protocol is pinned to TLS 1.2, as the deployed service requires; a host may turn verification
-// on (transport_security.h). Set on the host's thread, read as each request is built; the pins
-// are checked on the worker thread against a copy taken then.
-struct transport_policy {
-    bool verify = false;
-    QList<QSslCertificate> authorities;  // empty while verifying: the system's store
-    QSet<QByteArray> pins;               // base64 of SHA-256 of SubjectPublicKeyInfo
-};
-std::mutex policy_mutex;
-transport_policy policy;
-
-transport_policy current_policy()
-{
-    std::lock_guard<std::mutex> lock(policy_mutex);
-    return policy;
-}
-
 // The reply properties that say why the library ended a reply itself, and as which error.
 const char* const kRefusal = "information_api_refusal";
 const char* const kRefusalCode = "information_api_refusal_code";
-
-// Configures TLS for a request to `url` under the current policy; false when the policy forbids
-// sending it at all (anything but https while verifying or pinning). `default_applies`: whether the
-// default configuration is given to this URL (some requests give it only to https URLs).
-bool secure_request(QNetworkRequest& request, const QString& url, bool default_applies)
-{
-    const transport_policy current = current_policy();
-    QSslConfiguration config = request.sslConfiguration();
-    if (!current.verify) {
-        if (!current.pins.isEmpty() && !is_https_url(url))
-            return false;  // a pin cannot be checked without TLS
-        if (!default_applies)
-            return true;
-        config.setPeerVerifyMode(QSslSocket::VerifyNone);
-        config.setProtocol(QSsl::TlsV1_2);
-    } else {
-        if (!is_https_url(url))
-            return false;
-        config.setPeerVerifyMode(QSslSocket::VerifyPeer);
-        config.setProtocol(QSsl::TlsV1_2OrLater);
-        config.setCaCertificates(current.authorities.isEmpty() ? QSslConfiguration::systemCaCertificates()
-                                                               : current.authorities);
-    }
-    request.setSslConfiguration(config);
-    return true;
-}
-
-void mark_refused(QNetworkReply* reply, QNetworkReply::NetworkError code, const QString& why)
-{
-    reply->setProperty(kRefusal, why);
-    reply->setProperty(kRefusalCode, int(code));
-}
-
-// While verifying, a failed verification is reported with the TLS errors' own text. Whenever pins
-// are set, a server whose key is not pinned is cut off where Qt reports the connection encrypted,
-// which is before the request is written.
-void check_server(QNetworkReply* reply)
-{
-    const transport_policy current = current_policy();
-    if (current.verify) {
-        QObject::connect(reply, &QNetworkReply::sslErrors, reply, [reply](const QList<QSslError>& errors) {
-            QStringList texts;
-            for (const QSslError& e : errors)
-                texts << e.errorString();
-            mark_refused(reply, QNetworkReply::SslHandshakeFailedError,
-                         QStringLiteral("SSL handshake failed: ") + texts.join(QStringLiteral("; ")));
-        });
-    }
-    if (current.pins.isEmpty())
-        return;
-    QObject::connect(reply, &QNetworkReply::encrypted, reply, [reply, pins = current.pins] {
-        const QByteArray key = reply->sslConfiguration().peerCertificate().publicKey().toDer();
-        if (pins.contains(QCryptographicHash::hash(key, QCryptographicHash::Sha256).toBase64()))
-            return;
-        mark_refused(reply, QNetworkReply::SslHandshakeFailedError, QStringLiteral("public key pin mismatch"));
-        reply->abort();
-    });
-}
 
 void limit_answer(QNetworkReply* reply, qint64 limit)
 {
@@ -216,112 +92,6 @@ void limit_answer(QNetworkReply* reply, qint64 limit)
     QObject::connect(reply, &QNetworkReply::metaDataChanged, reply, check);
     QObject::connect(reply, &QNetworkReply::readyRead, reply, check);
 }
-
-// A reply's error as the sink hears it: one the library ended itself, or that failed
-// verification, reports why.
-int reply_error(const QNetworkReply* reply)
-{
-    const QVariant refused = reply->property(kRefusalCode);
-    return refused.isValid() ? refused.toInt() : int(reply->error());
-}
-
-QString reply_error_text(const QNetworkReply* reply)
-{
-    const QVariant refusal = reply->property(kRefusal);
-    return refusal.isValid() ? refusal.toString() : reply->errorString();
-}
-
-// One download_verified() transfer. It streams the body into a QSaveFile beside the target while
-// hashing it and reports exactly once. A child of its connector: released with it, it takes the
-// temporary file along and reports nothing.
-class verified_download : public QObject {
-public:
-    verified_download(QObject* connector, information_sink* sink, int id, const QString& target,
-                      const QString& sha256_hex, int timeout_ms)
-        : QObject(connector), sink_(sink), id_(id), file_(target, this),
-          expected_(sha256_hex.toLower().toLatin1())
-    {
-        idle_.setSingleShot(true);
-        idle_.setInterval(timeout_ms);
-    }
-
-    bool open() { return may_replace(file_.fileName()) && file_.open(QIODevice::WriteOnly); }
-
-    // Ends before anything was sent; reported from the connector's thread, as any outcome is.
-    void fail_unsent(int code, int net_error)
-    {
-        QMetaObject::invokeMethod(this, [this, code, net_error] { finish(false, code, net_error); },
-                                  Qt::QueuedConnection);
-    }
-
-    void watch(QNetworkReply* reply)
-    {
-        connect(reply, &QNetworkReply::readyRead, this, [this, reply] { take(reply); });
-        connect(reply, &QNetworkReply::downloadProgress, this, [this](qint64 received, qint64 total) {
-            if (done_)
-                return;  // the end has been reported: nothing follows it
-            idle_.start();
-            report_download_progress(sink_, id_, received, total);
-        });
-        connect(reply, &QNetworkReply::finished, this, [this, reply] { end(reply); });
-        connect(&idle_, &QTimer::timeout, reply, [this, reply] {
-            finish(false, 6, -1);
-            reply->abort();
-        });
-        // Started where the connector ends up, like the requests' time-out.
-        QMetaObject::invokeMethod(this, [this] {
-            if (!done_)
-                idle_.start();
-        }, Qt::QueuedConnection);
-    }
-
-private:
-    void take(QNetworkReply* reply)
-    {
-        if (done_)
-            return;  // ended, and the reply perhaps aborted: reading it would warn
-        const QByteArray chunk = reply->readAll();
-        if (chunk.isEmpty())
-            return;
-        hash_.addData(chunk);
-        if (file_.write(chunk) != chunk.size()) {
-            finish(false, 8, 0);
-            reply->abort();
-        }
-    }
-
-    void end(QNetworkReply* reply)
-    {
-        take(reply);
-        const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
-        if (reply->error() != QNetworkReply::NoError || status < 200 || status > 299)
-            finish(false, 7, reply_error(reply));
-        else if (hash_.result().toHex() != expected_)
-            finish(false, 9, 0);
-        else
-            finish(true, 8, 0);  // 8 if the file cannot take its target's place
-    }
-
-    void finish(bool ok, int code, int net_error)
-    {
-        if (done_)
-            return;
-        done_ = true;
-        idle_.stop();
-        if (!ok)
-            file_.cancelWriting();
-        ok = file_.commit() && ok;  // cancelled: removes the temporary file, the target untouched
-        report_download_end(sink_, id_, ok, ok ? 0 : code, ok ? 0 : net_error);
-    }
-
-    information_sink* const sink_;
-    const int id_;
-    QSaveFile file_;
-    QCryptographicHash hash_{QCryptographicHash::Sha256};
-    const QByteArray expected_;
-    QTimer idle_{this};
-    bool done_ = false;
-};
 
 double processor_seconds()
 {
@@ -350,6 +120,56 @@ void register_signal_argument_types()
 }
 
 }  // namespace
+
+// Opens `path` for reading only if it is a regular file; null otherwise. Opening a FIFO would
+// block until a writer comes, and Qt's multipart device writes past its buffer when a device or
+// a pseudo-file yields more than its size. Checked before opening (opening a device may act) and
+// again on what was opened.
+std::unique_ptr<QFile> open_regular_file(const QString& path)
+{
+    const QByteArray name = QFile::encodeName(path);
+    struct stat info;
+    if (name.isEmpty() || ::stat(name.constData(), &info) != 0 || !S_ISREG(info.st_mode))
+        return nullptr;
+    const int fd = ::open(name.constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0)
+        return nullptr;
+    auto file = std::make_unique<QFile>(path);
+    if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) || on_pseudo_file_system(fd) ||
+        !file->open(fd, QIODevice::ReadOnly, QFileDevice::AutoCloseHandle)) {
+        ::close(fd);
+        return nullptr;
+    }
+    return file;
+}
+
+// Same test as the regular expression "^[Hh][Tt]{2}[Pp][Ss]:", without compiling one per request.
+bool is_https_url(const QString& url)
+{
+    return url.size() >= 6 && url[0].toLower() == 'h' && url[1].toLower() == 't' &&
+           url[2].toLower() == 't' && url[3].toLower() == 'p' && url[4].toLower() == 's' &&
+           url[5] == ':';
+}
+
+void mark_refused(QNetworkReply* reply, QNetworkReply::NetworkError code, const QString& why)
+{
+    reply->setProperty(kRefusal, why);
+    reply->setProperty(kRefusalCode, int(code));
+}
+
+// A reply's error as the sink hears it: one the library ended itself, or that failed
+// verification, reports why.
+int reply_error(const QNetworkReply* reply)
+{
+    const QVariant refused = reply->property(kRefusalCode);
+    return refused.isValid() ? refused.toInt() : int(reply->error());
+}
+
+QString reply_error_text(const QNetworkReply* reply)
+{
+    const QVariant refusal = reply->property(kRefusal);
+    return refusal.isValid() ? refusal.toString() : reply->errorString();
+}
 
 api_thread::api_thread() : QThread(nullptr) {}
 
@@ -804,45 +624,6 @@ void http_connector::replyDownload(QNetworkReply* reply)
     qDebug() << "rt_=" << rt_;
     qDebug() << "net_errocode=" << net_error;
     report_download_end(sink_, id_, success, status, net_error);
-}
-
-int set_trusted_certificates(const QString& ca_file)
-{
-    QList<QSslCertificate> authorities;
-    if (!ca_file.isEmpty()) {
-        const std::unique_ptr<QFile> file = open_regular_file(ca_file);
-        const QByteArray pem = file ? file->read(kMaxCaFileBytes + 1) : QByteArray();
-        if (pem.size() > kMaxCaFileBytes)
-            return -1;
-        authorities = QSslCertificate::fromData(pem, QSsl::Pem);
-        if (authorities.isEmpty())
-            return -1;
-    }
-    std::lock_guard<std::mutex> lock(policy_mutex);
-    policy.verify = true;
-    policy.authorities = authorities;
-    return 0;
-}
-
-int set_pinned_public_keys(const QStringList& sha256_base64)
-{
-    QSet<QByteArray> pins;
-    for (const QString& pin : sha256_base64) {
-        const auto decoded = QByteArray::fromBase64Encoding(pin.toLatin1(), QByteArray::AbortOnBase64DecodingErrors);
-        if (!decoded || decoded.decoded.size() != 32)
-            return -1;
-        pins.insert(decoded.decoded.toBase64());
-    }
-    std::lock_guard<std::mutex> lock(policy_mutex);
-    policy.pins = pins;
-    return 0;
-}
-
-int clear_transport_security()
-{
-    std::lock_guard<std::mutex> lock(policy_mutex);
-    policy = transport_policy();
-    return 0;
 }
 
 bool http_connector::installNewApp()

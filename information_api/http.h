@@ -7,20 +7,24 @@
 
 #include <information_api/information_api.h>
 
+#include <QCryptographicHash>
 #include <QList>
 #include <QNetworkReply>
 #include <QNetworkRequest>
 #include <QObject>
+#include <QSaveFile>
 #include <QSslError>
 #include <QString>
 #include <QThread>
+#include <QTimer>
 
 #include <map>
+#include <memory>
 #include <string>
 
+class QFile;
 class QHttpPart;
 class QNetworkAccessManager;
-class QTimer;
 class tst_records;
 
 // One text field of a multipart form.
@@ -114,6 +118,51 @@ private:
     QString file_path_;
 
     friend class ::tst_records;  // reads the members' offsets
+};
+
+// Shared by the connector (http.cpp) and the transport policy (transport_security.cpp).
+
+// Opens `path` for reading only if it is a regular file (not a FIFO, device or pseudo-file);
+// null otherwise.
+std::unique_ptr<QFile> open_regular_file(const QString& path);
+bool is_https_url(const QString& url);
+// Ends `reply` as the library's own decision: the sink hears `code` and `why`.
+void mark_refused(QNetworkReply* reply, QNetworkReply::NetworkError code, const QString& why);
+// A reply's error and its text as the sink hears them (a refusal's, when there is one).
+int reply_error(const QNetworkReply* reply);
+QString reply_error_text(const QNetworkReply* reply);
+
+// Configures TLS for a request to `url` under the current policy; false when the policy forbids
+// sending it at all (anything but https while verifying or pinning). `default_applies`: whether the
+// default configuration is given to this URL (some requests give it only to https URLs).
+bool secure_request(QNetworkRequest& request, const QString& url, bool default_applies);
+// Checks the server of `reply` as the current policy asks, before the request is written.
+void check_server(QNetworkReply* reply);
+
+// One download_verified() transfer. It streams the body into a QSaveFile beside the target while
+// hashing it and reports exactly once. A child of its connector: released with it, it takes the
+// temporary file along and reports nothing.
+class verified_download : public QObject {
+public:
+    verified_download(QObject* connector, information_sink* sink, int id, const QString& target,
+                      const QString& sha256_hex, int timeout_ms);
+    bool open();  // false when the target may not be replaced or no temporary file can be made
+    // Ends before anything was sent; reported from the connector's thread, as any outcome is.
+    void fail_unsent(int code, int net_error);
+    void watch(QNetworkReply* reply);
+
+private:
+    void take(QNetworkReply* reply);
+    void end(QNetworkReply* reply);
+    void finish(bool ok, int code, int net_error);
+
+    information_sink* const sink_;
+    const int id_;
+    QSaveFile file_;
+    QCryptographicHash hash_{QCryptographicHash::Sha256};
+    const QByteArray expected_;
+    QTimer idle_{this};
+    bool done_ = false;
 };
 
 }  // namespace information_api
