@@ -40,7 +40,8 @@ QString record(int n)
 {
     return QString(R"({"seriaNum":"SN-%1","softwareName":"ExampleScan","softwareVer":"2.1.0","modelName":"S1",)"
                    R"("osSoftExt":{"osName":"Windows 11","lang":"de"},"tracingType":"usage","pad":"%2"})")
-        .arg(n).arg(QString(600, 'x'));
+        .arg(n)
+        .arg(QString(600, 'x'));
 }
 
 // User and system CPU time a process has used, in seconds.
@@ -61,7 +62,8 @@ public:
     void on_response(int id, QVariant result) override
     {
         const bool ok = result.value<response_info_t>().ok;
-        QMetaObject::invokeMethod(QCoreApplication::instance(), [this, id, ok] { on_report(id, ok); }, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(
+            QCoreApplication::instance(), [this, id, ok] { on_report(id, ok); }, Qt::QueuedConnection);
     }
     void on_download_progress(qint64, qint64) override {}
     void on_download_finished(bool, int, int) override {}
@@ -129,14 +131,16 @@ void start_nginx(server& s)
     QDir().mkpath(dir + "/nginx");
     QFile conf(dir + "/nginx/nginx.conf");
     conf.open(QIODevice::WriteOnly);
-    conf.write(QString("daemon off; master_process off; error_log %1/nginx/error.log; pid %1/nginx/pid;\n"
-                       "events { worker_connections 1024; }\n"
-                       "http { access_log off; client_body_temp_path %1/nginx;\n"
-                       "  server { listen 127.0.0.1:18443 ssl; ssl_certificate %2/cert.pem; ssl_certificate_key %2/key.pem;\n"
-                       "    ssl_protocols TLSv1.2 TLSv1.3; keepalive_timeout 0;\n"
-                       "    location / { default_type application/json; return 200 '{\"status\":\"success\",\"result\":\"stored\"}'; } } }\n")
-                   .arg(dir, certs)
-                   .toUtf8());
+    conf.write(
+        QString("daemon off; master_process off; error_log %1/nginx/error.log; pid %1/nginx/pid;\n"
+                "events { worker_connections 1024; }\n"
+                "http { access_log off; client_body_temp_path %1/nginx;\n"
+                "  server { listen 127.0.0.1:18443 ssl; ssl_certificate %2/cert.pem; ssl_certificate_key %2/key.pem;\n"
+                "    ssl_protocols TLSv1.2 TLSv1.3; keepalive_timeout 0;\n"
+                "    location / { default_type application/json; return 200 "
+                "'{\"status\":\"success\",\"result\":\"stored\"}'; } } }\n")
+            .arg(dir, certs)
+            .toUtf8());
     conf.close();
     s.process.start("nginx", {"-c", dir + "/nginx/nginx.conf", "-p", dir + "/nginx"});
     s.process.waitForStarted();
@@ -175,7 +179,8 @@ void BM_collector_ingest(benchmark::State& state)
         std::vector<std::pair<std::string, server*>> turns{{"nginx", &nginx}, {"sqlite", &sqlite}};
         if (!database.isEmpty())
             turns.push_back({"postgresql", &postgres});
-        std::rotate(turns.begin(), turns.begin() + (first / kRecords) % turns.size(), turns.end());  // taking turns at going first
+        std::rotate(turns.begin(), turns.begin() + (first / kRecords) % turns.size(),
+                    turns.end());  // taking turns at going first
         for (auto& [name, s] : turns) {
             const double cpu = cpu_seconds(s->pid());
             int failed = 0;
@@ -201,7 +206,8 @@ void BM_collector_ingest(benchmark::State& state)
     state.counters["failures"] = failures;
     state.counters["sqlite_bytes_per_record"] = double(storage_bytes("sqlite", "")) / (stored * kRecords);
     if (!database.isEmpty())
-        state.counters["postgresql_bytes_per_record"] = double(storage_bytes("postgresql", database)) / (stored * kRecords);
+        state.counters["postgresql_bytes_per_record"] =
+            double(storage_bytes("postgresql", database)) / (stored * kRecords);
 }
 
 void discard_message(QtMsgType, const QMessageLogContext&, const QString&) {}

@@ -66,7 +66,8 @@ void fill(const std::string& path, long n)
 {
     sqlite3* db = nullptr;
     sqlite3_open(path.c_str(), &db);
-    sqlite3_exec(db, "PRAGMA synchronous=FULL; PRAGMA temp_store=MEMORY; BEGIN", nullptr, nullptr, nullptr);  // as the store
+    sqlite3_exec(db, "PRAGMA synchronous=FULL; PRAGMA temp_store=MEMORY; BEGIN", nullptr, nullptr,
+                 nullptr);  // as the store
     sqlite3_stmt* insert = nullptr;
     sqlite3_prepare_v2(db,
                        "INSERT INTO records (received_at, app_id, kind, body, sha256, software_name, software_ver, "
@@ -85,10 +86,15 @@ void fill(const std::string& path, long n)
         std::tm tm{};
         gmtime_r(&at, &tm);
         std::strftime(when, sizeof when, "%Y-%m-%dT%H:%M:%SZ", &tm);
-        const std::string values[] = {when, kinds[random() % 5], "{\"n\":" + std::to_string(i) + "}",
-                                      std::to_string(i), "2." + std::to_string(random() % 12) + ".0",
-                                      "K" + std::to_string(random() % 8), systems[random() % 4],
-                                      "SN-" + std::to_string(random() % 5000), langs[random() % 5]};
+        const std::string values[] = {when,
+                                      kinds[random() % 5],
+                                      "{\"n\":" + std::to_string(i) + "}",
+                                      std::to_string(i),
+                                      "2." + std::to_string(random() % 12) + ".0",
+                                      "K" + std::to_string(random() % 8),
+                                      systems[random() % 4],
+                                      "SN-" + std::to_string(random() % 5000),
+                                      langs[random() % 5]};
         for (int v = 0; v < 9; ++v)
             sqlite3_bind_text(insert, v + 1, values[v].c_str(), -1, SQLITE_TRANSIENT);
         sqlite3_step(insert);

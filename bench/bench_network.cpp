@@ -38,8 +38,9 @@ namespace {
 
 using steady = std::chrono::steady_clock;
 const char* const kAppId = collector::kReleaseAppId;
-const QString kRecord = QString(R"({"seriaNum":"SN-0001","softwareName":"ExampleScan","tracingType":"usage","pad":"%1"})")
-                            .arg(QString(600, 'x'));
+const QString kRecord =
+    QString(R"({"seriaNum":"SN-0001","softwareName":"ExampleScan","tracingType":"usage","pad":"%1"})")
+        .arg(QString(600, 'x'));
 
 double micros(steady::duration d) { return std::chrono::duration<double, std::micro>(d).count(); }
 
@@ -75,7 +76,7 @@ long peak_rss_kib() { return status_kib("VmHWM:"); }
 collection::collection_service make_service(bool prompt_ack)
 {
     collection::service_options options;
-    options.keep_limit = 4096;  // the service keeps no 200 MB body in this process
+    options.keep_limit = 4096;           // the service keeps no 200 MB body in this process
     options.max_body_size = 1ull << 30;  // and accepts the 200 MB attachments
     options.prompt_ack = prompt_ack;
     return collection::collection_service(options);
@@ -89,10 +90,7 @@ collection::collection_service& service(bool prompt_ack = false)
     return prompt_ack ? prompt : delaying;
 }
 
-QString record_url(bool prompt_ack = false)
-{
-    return QString::fromStdString(service(prompt_ack).base_url() + "/dtta");
-}
+QString record_url(bool prompt_ack = false) { return QString::fromStdString(service(prompt_ack).base_url() + "/dtta"); }
 
 // Runs each report on the benchmark's thread, where the next upload is issued. The last byte is
 // timed on the worker thread, where it arrives: queued, the progress reports would add their
@@ -100,11 +98,10 @@ QString record_url(bool prompt_ack = false)
 class driver : public queued_sink {
 public:
     driver()
-        : queued_sink(QCoreApplication::instance(),
-                      [this](int id, const response_info_t& info) { on_report(id, info.ok); }, {},
-                      [this](bool, int, int) { on_report(-1, true); })
-    {
-    }
+        : queued_sink(
+              QCoreApplication::instance(), [this](int id, const response_info_t& info) { on_report(id, info.ok); }, {},
+              [this](bool, int, int) { on_report(-1, true); })
+    {}
     void on_download_progress(qint64 received, qint64 total) override
     {
         if (received == total && total > 0)
@@ -120,7 +117,10 @@ double library_rate(int count, int in_flight, bool prompt_ack = false, int* fail
     driver sink;
     QEventLoop loop;
     int next = 0, done = 0, failed = 0;
-    const auto issue = [&] { upload_information(record_url(prompt_ack), kRecord, kAppId, "usage", &sink, next, 30000); ++next; };
+    const auto issue = [&] {
+        upload_information(record_url(prompt_ack), kRecord, kAppId, "usage", &sink, next, 30000);
+        ++next;
+    };
     sink.on_report = [&](int id, bool ok) {
         if (release_connect(id) != 0)
             return;  // a repeated report of a failure
@@ -156,7 +156,8 @@ double curl_rate(int count, int in_flight, bool prompt_ack)
             curl_easy_setopt(curl, CURLOPT_SSL_VERIFYPEER, 0L);
             curl_easy_setopt(curl, CURLOPT_SSL_VERIFYHOST, 0L);
             curl_easy_setopt(curl, CURLOPT_SSLVERSION, CURL_SSLVERSION_TLSv1_2 | CURL_SSLVERSION_MAX_TLSv1_2);
-            curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, +[](char*, size_t size, size_t n, void*) { return size * n; });
+            curl_easy_setopt(
+                curl, CURLOPT_WRITEFUNCTION, +[](char*, size_t size, size_t n, void*) { return size * n; });
             curl_easy_perform(curl);
             curl_easy_cleanup(curl);
         }
@@ -309,7 +310,10 @@ CURL* curl_for(const std::string& url)
 }
 
 size_t discard(char*, size_t size, size_t n, void*) { return size * n; }
-size_t to_file(char* data, size_t size, size_t n, void* file) { return fwrite(data, size, n, static_cast<FILE*>(file)) * size; }
+size_t to_file(char* data, size_t size, size_t n, void* file)
+{
+    return fwrite(data, size, n, static_cast<FILE*>(file)) * size;
+}
 
 // Rates in MB/s and peak RSS growth in KiB of the library's transfer and curl's.
 void report_transfer(benchmark::State& state, double library, double curl, long library_peak, long curl_peak)
@@ -491,7 +495,14 @@ void discard_message(QtMsgType, const QMessageLogContext&, const QString&) {}
 BENCHMARK(BM_first_call_in_a_fresh_process)->Iterations(1)->UseManualTime()->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_upload_call)->Iterations(1)->UseManualTime()->Unit(benchmark::kMicrosecond);
 // Second argument: 0 against a server delaying its acknowledgements, 1 against a prompt one.
-BENCHMARK(BM_throughput)->Args({1, 0})->Args({16, 0})->Args({1, 1})->Args({16, 1})->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_throughput)
+    ->Args({1, 0})
+    ->Args({16, 0})
+    ->Args({1, 1})
+    ->Args({16, 1})
+    ->Iterations(1)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_memory)->Iterations(1)->UseManualTime();
 BENCHMARK(BM_attachment_upload)->Iterations(2)->UseManualTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_installer_download)->Iterations(2)->UseManualTime()->Unit(benchmark::kMillisecond);

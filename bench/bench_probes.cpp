@@ -52,9 +52,10 @@ double two_names(bool mapped)
     QFile database("/usr/share/misc/pci.ids");
     if (!database.open(QIODevice::ReadOnly))
         return std::nan("");
-    const QByteArray ids = mapped ? QByteArray::fromRawData(reinterpret_cast<const char*>(database.map(0, database.size())),
-                                                            int(database.size()))
-                                  : database.readAll();
+    const QByteArray ids =
+        mapped ? QByteArray::fromRawData(reinterpret_cast<const char*>(database.map(0, database.size())),
+                                         int(database.size()))
+               : database.readAll();
     benchmark::DoNotOptimize(linux_machine::pci_name(ids, 0x8086, 0x3e92).size());
     benchmark::DoNotOptimize(linux_machine::pci_name(ids, 0x10de, 0x2684).size());
     return micros_since(start);
@@ -112,7 +113,8 @@ void BM_probes_in_a_fresh_process(benchmark::State& state)
             env.insert("XDG_RUNTIME_DIR", runtime.path());
             process.setProcessEnvironment(env);
             process.start(QCoreApplication::applicationFilePath(), QStringList());
-            if (!process.waitForFinished(60000) || process.exitStatus() != QProcess::NormalExit || process.exitCode() != 0) {
+            if (!process.waitForFinished(60000) || process.exitStatus() != QProcess::NormalExit ||
+                process.exitCode() != 0) {
                 ++failed;
                 continue;
             }

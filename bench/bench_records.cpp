@@ -30,10 +30,7 @@ namespace {
 
 using steady = std::chrono::steady_clock;
 
-double seconds_since(steady::time_point start)
-{
-    return std::chrono::duration<double>(steady::now() - start).count();
-}
+double seconds_since(steady::time_point start) { return std::chrono::duration<double>(steady::now() - start).count(); }
 
 // CPU time of this thread: separates what the builder computes from what the disk makes it wait.
 double thread_cpu_seconds()
@@ -94,7 +91,8 @@ void build(windows_information_imp& m, kind k)
     case flat_scan: {
         QString h = "9.1", l = "41.5", w = "12.25", file = "crown.stl", way = "fusion", mesh = "watertight",
                 align = "marker", cls = "hd", hdr = "on", dis = "0.05", tex = "color", pts = "1843200";
-        m.create_scan_inifo(h, l, w, file, way, mesh, align, cls, hdr, modular, start, end, dis, tex, pts, "3686396", 1);
+        m.create_scan_inifo(h, l, w, file, way, mesh, align, cls, hdr, modular, start, end, dis, tex, pts, "3686396",
+                            1);
         break;
     }
     case feedback: {
@@ -110,10 +108,7 @@ void build(windows_information_imp& m, kind k)
 }
 
 // The newest file of the record folder: the one the builder just wrote.
-QString newest_record()
-{
-    return QDir("veltrainfo").entryInfoList(QDir::Files, QDir::Time).value(0).filePath();
-}
+QString newest_record() { return QDir("veltrainfo").entryInfoList(QDir::Files, QDir::Time).value(0).filePath(); }
 
 void bare_qsettings_write(const QString& path, const QByteArray& data, const QString& type)
 {
@@ -168,9 +163,15 @@ void BM_builder(benchmark::State& state, kind k)
     for (auto _ : state) {
         for (int i = 0; i < 3; ++i) {
             switch ((turn + i) % 3) {
-            case 0: timed(builder, &builder_cpu, [&] { build(m, k); }); break;
-            case 1: timed(bare, &bare_cpu, [&] { bare_qsettings_write("veltrainfo/bare.ini", data, type); }); break;
-            case 2: timed(durable, nullptr, [&] { raw_durable_write("veltrainfo/raw.ini", raw); }); break;
+            case 0:
+                timed(builder, &builder_cpu, [&] { build(m, k); });
+                break;
+            case 1:
+                timed(bare, &bare_cpu, [&] { bare_qsettings_write("veltrainfo/bare.ini", data, type); });
+                break;
+            case 2:
+                timed(durable, nullptr, [&] { raw_durable_write("veltrainfo/raw.ini", raw); });
+                break;
             }
         }
         turn = (turn + 1) % 3;
@@ -199,8 +200,8 @@ QString record_folder(int n)
         const QDateTime now = QDateTime::currentDateTime();
         for (int i = 0; i < n; ++i) {
             QFile file(dir->path() + QString("/veltrainfo/%1.info2").arg(i, 8, 10, QChar('0')));
-            if (!file.open(QIODevice::WriteOnly) || file.write("[General]\ntype=usage\n") <= 0 || !file.flush()
-                || !file.setFileTime(now.addSecs(-qint64(i) * 29 * 86400 / n), QFileDevice::FileModificationTime))
+            if (!file.open(QIODevice::WriteOnly) || file.write("[General]\ntype=usage\n") <= 0 || !file.flush() ||
+                !file.setFileTime(now.addSecs(-qint64(i) * 29 * 86400 / n), QFileDevice::FileModificationTime))
                 std::abort();
         }
     }
@@ -218,8 +219,7 @@ QFileInfoList unsorted_listing()
     return QDir("./veltrainfo/").entryInfoList(QStringList{"*.info2"}, QDir::Files, QDir::Unsorted);
 }
 
-template <typename Operation>
-void BM_housekeeping(benchmark::State& state, Operation operation)
+template <typename Operation> void BM_housekeeping(benchmark::State& state, Operation operation)
 {
     const QString previous = QDir::currentPath();
     QDir::setCurrent(record_folder(int(state.range(0))));

@@ -16,21 +16,18 @@ using information_api::VeltraInfoMgr;
 namespace {
 
 // Calibration, share and flat scan records are named by the second: one second apart each.
-void next_second()
-{
-    QThread::msleep(1100);
-}
+void next_second() { QThread::msleep(1100); }
 
 void record_every_kind(VeltraInfoMgr* manager)
 {
     QString ple = "abc-xK300.ple", version = "1.2.3", model = "K300", modular = "turntable";
     manager->create_usage_inifo("", ple, version, model, modular, 1);
 
-    QStringList modulars{"turntable"}, modular_ples{"tt-01.ple"}, classes{"plate"},
-        starts{"2026-11-23T08:00:00Z"}, ends{"2026-11-23T08:02:00Z"}, results{"ok"};
+    QStringList modulars{"turntable"}, modular_ples{"tt-01.ple"}, classes{"plate"}, starts{"2026-11-23T08:00:00Z"},
+        ends{"2026-11-23T08:02:00Z"}, results{"ok"};
     QString start = "2026-11-23T08:00:00Z", end = "2026-11-23T08:02:00Z";
-    manager->create_calibrate_inifo(modulars, version, ple, model, modular, modular_ples, start,
-                                    end, classes, starts, ends, results, 1);
+    manager->create_calibrate_inifo(modulars, version, ple, model, modular, modular_ples, start, end, classes, starts,
+                                    ends, results, 1);
     next_second();
     QString target = "cloud", name = "bust.stl", account = "demo@example.com";
     manager->create_share_inifo(ple, model, modular, start, end, target, name, account, 1);
@@ -57,8 +54,8 @@ void record_every_kind(VeltraInfoMgr* manager)
 
     QString email = "demo@example.com", industry = "design", content = "Works well.";
     QStringList attachments;
-    manager->create_userfeedback_info(ple, version, model, modular, modular_ples, 1, email,
-                                      industry, content, attachments);
+    manager->create_userfeedback_info(ple, version, model, modular, modular_ples, 1, email, industry, content,
+                                      attachments);
     manager->add_user_score("9", ple, version, model, modular, industry, 1);
 }
 
@@ -74,8 +71,7 @@ int main(int argc, char** argv)
                                      "./veltrainfo/, then lists the records and prints the usage record.");
     parser.addHelpOption();
     parser.addVersionOption();
-    parser.addPositionalArgument("dir", "Working directory to record in (default: the current one).",
-                                 "[dir]");
+    parser.addPositionalArgument("dir", "Working directory to record in (default: the current one).", "[dir]");
     parser.process(app);  // --help, or an unknown option: prints and exits
     const QStringList positional = parser.positionalArguments();
     if (positional.size() > 1)

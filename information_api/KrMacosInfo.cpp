@@ -24,10 +24,7 @@ constexpr double kBytesPerGiB = 1024.0 * 1024.0 * 1024.0;
 constexpr IOOptionBits kSearchUpwards = kIORegistryIterateRecursively | kIORegistryIterateParents;
 
 // Text from the bytes before the first zero byte; `bytes` is zero-terminated by QByteArray.
-QString utf8UpToZero(const QByteArray& bytes)
-{
-    return QString::fromUtf8(bytes.constData());
-}
+QString utf8UpToZero(const QByteArray& bytes) { return QString::fromUtf8(bytes.constData()); }
 
 QString readSysctlString(const char* name)
 {
@@ -41,8 +38,7 @@ QString readSysctlString(const char* name)
 }
 
 // Fixed-width sysctl values; false when the key is missing or the read fails.
-template <typename T>
-bool readSysctlValue(const char* name, T& value)
+template <typename T> bool readSysctlValue(const char* name, T& value)
 {
     size_t length = sizeof value;
     return sysctlbyname(name, &value, &length, nullptr, 0) == 0;
@@ -52,8 +48,7 @@ QString fromCfString(CFStringRef s)
 {
     if (!s)
         return QString();
-    const CFIndex size =
-        CFStringGetMaximumSizeForEncoding(CFStringGetLength(s), kCFStringEncodingUTF8) + 1;
+    const CFIndex size = CFStringGetMaximumSizeForEncoding(CFStringGetLength(s), kCFStringEncodingUTF8) + 1;
     if (size <= 0)  // kCFNotFound: the length overflows the maximum size
         return QString();
     QByteArray buffer(int(size), '\0');
@@ -92,8 +87,7 @@ quint64 cfTypeToUInt64(CFTypeRef value)
 // Looks `key` up on `entry` and, failing that, on its ancestors in the service plane.
 CFTypeRef searchRegistry(io_registry_entry_t entry, CFStringRef key)
 {
-    return IORegistryEntrySearchCFProperty(entry, kIOServicePlane, key, kCFAllocatorDefault,
-                                           kSearchUpwards);
+    return IORegistryEntrySearchCFProperty(entry, kIOServicePlane, key, kCFAllocatorDefault, kSearchUpwards);
 }
 
 QString getRegistryString(io_registry_entry_t entry, CFStringRef key)
@@ -148,16 +142,14 @@ quint64 vramMegabytes(io_service_t service)
 
 bool isPciDisplayController(io_service_t service)
 {
-    const CFTypeRef classCode = IORegistryEntryCreateCFProperty(service, CFSTR("class-code"),
-                                                                kCFAllocatorDefault, 0);
+    const CFTypeRef classCode = IORegistryEntryCreateCFProperty(service, CFSTR("class-code"), kCFAllocatorDefault, 0);
     const quint64 value = cfTypeToUInt64(classCode);
     if (classCode)
         CFRelease(classCode);
     return (value & 0xFF0000) == 0x030000;  // PCI base class 3: display controller
 }
 
-void collectGpuInfo(const char* className, bool requireDisplayClass, QList<QVariant>& gpus,
-                    QSet<QString>& seenNames)
+void collectGpuInfo(const char* className, bool requireDisplayClass, QList<QVariant>& gpus, QSet<QString>& seenNames)
 {
     io_iterator_t services = 0;
 #pragma GCC diagnostic push
@@ -166,8 +158,7 @@ void collectGpuInfo(const char* className, bool requireDisplayClass, QList<QVari
     const mach_port_t mainPort = kIOMasterPortDefault;
 #pragma GCC diagnostic pop
     // The matching dictionary is consumed by the lookup, whatever its outcome.
-    if (IOServiceGetMatchingServices(mainPort, IOServiceMatching(className), &services) !=
-        KERN_SUCCESS)
+    if (IOServiceGetMatchingServices(mainPort, IOServiceMatching(className), &services) != KERN_SUCCESS)
         return;
 
     while (const io_service_t service = IOIteratorNext(services)) {
@@ -243,8 +234,7 @@ double physicalDpi(size_t pixelsWide, size_t pixelsHigh, CGSize millimetres)
 {
     if (millimetres.width <= 0 || millimetres.height <= 0)
         return 0.0;
-    return (double(pixelsWide) * 25.4 / millimetres.width +
-            double(pixelsHigh) * 25.4 / millimetres.height) * 0.5;
+    return (double(pixelsWide) * 25.4 / millimetres.width + double(pixelsHigh) * 25.4 / millimetres.height) * 0.5;
 }
 
 QVariantMap noScreens()
@@ -273,10 +263,7 @@ KrMacosInfo::KrMacosInfo() : QObject(nullptr) {}
 
 KrMacosInfo::~KrMacosInfo() = default;
 
-void KrMacosInfo::allSystemInfo()
-{
-    QtConcurrent::run(QThreadPool::globalInstance(), collect_and_report, this);
-}
+void KrMacosInfo::allSystemInfo() { QtConcurrent::run(QThreadPool::globalInstance(), collect_and_report, this); }
 
 QMap<QString, QVariant> KrMacosInfo::getScreenResolutionInfo()
 {
@@ -309,8 +296,7 @@ QMap<QString, QVariant> KrMacosInfo::getScreenResolutionInfo()
                                                .arg(qRound(bounds.origin.x))
                                                .arg(qRound(bounds.origin.y)));
         screen.insert("logicalDpi", logicalDpi(display));
-        screen.insert("physicalDpi",
-                      physicalDpi(pixelsWide, pixelsHigh, CGDisplayScreenSize(display)));
+        screen.insert("physicalDpi", physicalDpi(pixelsWide, pixelsHigh, CGDisplayScreenSize(display)));
         screens.append(screen);
 
         if (CGDisplayIsMain(display))
@@ -337,8 +323,7 @@ QMap<QString, QVariant> KrMacosInfo::getSystemLanguageInfo()
     QString code;
     if (const CFArrayRef languages = CFLocaleCopyPreferredLanguages()) {
         if (CFArrayGetCount(languages) > 0)
-            code = fromCfString(static_cast<CFStringRef>(CFArrayGetValueAtIndex(languages, 0)))
-                       .replace('-', '_');
+            code = fromCfString(static_cast<CFStringRef>(CFArrayGetValueAtIndex(languages, 0))).replace('-', '_');
         CFRelease(languages);
     }
     if (code.isEmpty())
@@ -395,11 +380,9 @@ QMap<QString, QVariant> KrMacosInfo::getMemoryInfo()
         return info;
     vm_statistics64_data_t statistics = {};
     mach_msg_type_number_t count = HOST_VM_INFO64_COUNT;
-    if (host_statistics64(host, HOST_VM_INFO64, reinterpret_cast<host_info64_t>(&statistics),
-                          &count) != KERN_SUCCESS)
+    if (host_statistics64(host, HOST_VM_INFO64, reinterpret_cast<host_info64_t>(&statistics), &count) != KERN_SUCCESS)
         return info;
-    const uint64_t freeBytes =
-        (uint64_t(statistics.free_count) + statistics.inactive_count) * uint64_t(pageSize);
+    const uint64_t freeBytes = (uint64_t(statistics.free_count) + statistics.inactive_count) * uint64_t(pageSize);
     info.insert("freeMemoryGB", double(freeBytes) / kBytesPerGiB);
     return info;
 }

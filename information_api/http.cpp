@@ -54,8 +54,13 @@ bool on_pseudo_file_system(int fd)
     if (fstatfs(fd, &fs) != 0)
         return true;
     switch (fs.f_type) {
-    case PROC_SUPER_MAGIC: case SYSFS_MAGIC: case DEBUGFS_MAGIC: case TRACEFS_MAGIC:
-    case SECURITYFS_MAGIC: case CGROUP_SUPER_MAGIC: case CGROUP2_SUPER_MAGIC:
+    case PROC_SUPER_MAGIC:
+    case SYSFS_MAGIC:
+    case DEBUGFS_MAGIC:
+    case TRACEFS_MAGIC:
+    case SECURITYFS_MAGIC:
+    case CGROUP_SUPER_MAGIC:
+    case CGROUP2_SUPER_MAGIC:
         return true;
     }
 #else
@@ -93,10 +98,7 @@ void limit_answer(QNetworkReply* reply, qint64 limit)
     QObject::connect(reply, &QNetworkReply::readyRead, reply, check);
 }
 
-double processor_seconds()
-{
-    return double(clock()) / 1000000;
-}
+double processor_seconds() { return double(clock()) / 1000000; }
 
 response_info_t failure(const QString& msg, int ret, int net_error)
 {
@@ -146,9 +148,8 @@ std::unique_ptr<QFile> open_regular_file(const QString& path)
 // Same test as the regular expression "^[Hh][Tt]{2}[Pp][Ss]:", without compiling one per request.
 bool is_https_url(const QString& url)
 {
-    return url.size() >= 6 && url[0].toLower() == 'h' && url[1].toLower() == 't' &&
-           url[2].toLower() == 't' && url[3].toLower() == 'p' && url[4].toLower() == 's' &&
-           url[5] == ':';
+    return url.size() >= 6 && url[0].toLower() == 'h' && url[1].toLower() == 't' && url[2].toLower() == 't' &&
+           url[3].toLower() == 'p' && url[4].toLower() == 's' && url[5] == ':';
 }
 
 void mark_refused(QNetworkReply* reply, QNetworkReply::NetworkError code, const QString& why)
@@ -193,8 +194,7 @@ int api_thread::stop()
     return 0;
 }
 
-http_connector::http_connector(int id, information_sink* sink, QObject* parent)
-    : QObject(parent), sink_(sink), id_(id)
+http_connector::http_connector(int id, information_sink* sink, QObject* parent) : QObject(parent), sink_(sink), id_(id)
 {
     register_signal_argument_types();
     timer_ = new QTimer(this);
@@ -204,13 +204,16 @@ http_connector::http_connector(int id, information_sink* sink, QObject* parent)
     // A connector serves one request. Once it has ended and been handled (every kind, downloads
     // too), the manager goes: in Qt 5 it keeps a thread and its descriptors until deleted, and an
     // unreleased connection would hold them for ever. Its replies go with it.
-    connect(manager, &QNetworkAccessManager::finished, this, [this] {
-        if (!manager)
-            return;
-        manager->deleteLater();
-        manager = nullptr;
-        reply_ = nullptr;
-    }, Qt::QueuedConnection);
+    connect(
+        manager, &QNetworkAccessManager::finished, this,
+        [this] {
+            if (!manager)
+                return;
+            manager->deleteLater();
+            manager = nullptr;
+            reply_ = nullptr;
+        },
+        Qt::QueuedConnection);
 }
 
 http_connector::~http_connector()
@@ -249,31 +252,30 @@ void http_connector::start_timeout(int timeout_ms)
     // thread that Qt did not start has no event dispatcher to run it, and a timer moved while
     // running leaves Qt's registration behind if the worker stops first). A reply that has
     // already ended by then, as a refused or malformed request does at once, needs none.
-    QMetaObject::invokeMethod(this, [this] {
-        if (!manager)
-            return;  // the request has ended and been handled
-        const auto replies = manager->findChildren<QNetworkReply*>();
-        if (std::any_of(replies.begin(), replies.end(), [](QNetworkReply* r) { return !r->isFinished(); }))
-            timer_->start();
-    }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        this,
+        [this] {
+            if (!manager)
+                return;  // the request has ended and been handled
+            const auto replies = manager->findChildren<QNetworkReply*>();
+            if (std::any_of(replies.begin(), replies.end(), [](QNetworkReply* r) { return !r->isFinished(); }))
+                timer_->start();
+        },
+        Qt::QueuedConnection);
 }
 
 void http_connector::connect_reply_slots()
 {
     connect(reply_, SIGNAL(readyRead()), this, SLOT(http_ready_read()));
-    connect(reply_, SIGNAL(error(QNetworkReply::NetworkError)), this,
-            SLOT(error(QNetworkReply::NetworkError)));
-    connect(reply_, SIGNAL(sslErrors(const QList<QSslError>&)), this,
-            SLOT(sslErrors(const QList<QSslError>&)));
-    connect(reply_, SIGNAL(downloadProgress(qint64, qint64)), this,
-            SLOT(update_data_read_progress(qint64, qint64)));
+    connect(reply_, SIGNAL(error(QNetworkReply::NetworkError)), this, SLOT(error(QNetworkReply::NetworkError)));
+    connect(reply_, SIGNAL(sslErrors(const QList<QSslError>&)), this, SLOT(sslErrors(const QList<QSslError>&)));
+    connect(reply_, SIGNAL(downloadProgress(qint64, qint64)), this, SLOT(update_data_read_progress(qint64, qint64)));
 }
 
 void http_connector::send_request(const std::string& path, const QString& body,
                                   const std::map<std::string, std::string>& query, int timeout_ms,
                                   const std::string& sub_path, bool /*flag*/,
-                                  const std::map<std::string, std::string>& headers,
-                                  const std::string& base_url)
+                                  const std::map<std::string, std::string>& headers, const std::string& base_url)
 {
     std::string url_text = base_url + path;
     if (!sub_path.empty())
@@ -282,15 +284,15 @@ void http_connector::send_request(const std::string& path, const QString& body,
     for (const auto& parameter : query)
         url_text += "?" + parameter.first + "=" + parameter.second;
     const QString url = QString::fromLatin1(url_text.data(), int(url_text.size()));
-    qDebug() << "send_request" << "url : " << url;
+    qDebug() << "send_request"
+             << "url : " << url;
 
     request_.setUrl(QUrl(url, QUrl::TolerantMode));
     if (!secure_request(request_, url, is_https_url(url))) {
         refuse_request(url);
         return;
     }
-    request_.setHeader(QNetworkRequest::ContentTypeHeader,
-                       QStringLiteral("application/json;charset=utf-8"));
+    request_.setHeader(QNetworkRequest::ContentTypeHeader, QStringLiteral("application/json;charset=utf-8"));
     for (const auto& header : headers)
         request_.setRawHeader(header_field(header.first.c_str()), header_field(header.second.c_str()));
 
@@ -314,12 +316,16 @@ void http_connector::refuse_request(const QString& url)
 {
     LOG(INFO) << "refused to send to " << url.toStdString() << ": verification is on";
     // Reported from the connector's own thread, as any outcome is.
-    QMetaObject::invokeMethod(this, [this] {
-        rt_ = 7;
-        report_response(sink_, id_, failure(QStringLiteral("refused to send: only https is allowed while "
-                                                           "server verification is on"),
-                                            7, QNetworkReply::ProtocolInvalidOperationError));
-    }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        this,
+        [this] {
+            rt_ = 7;
+            report_response(sink_, id_,
+                            failure(QStringLiteral("refused to send: only https is allowed while "
+                                                   "server verification is on"),
+                                    7, QNetworkReply::ProtocolInvalidOperationError));
+        },
+        Qt::QueuedConnection);
 }
 
 void http_connector::timeout_event()
@@ -396,8 +402,8 @@ void http_connector::update_data_write_progress(qint64, qint64)
 
 int http_connector::send_multipart_request(const QString& path, const QString& file_path,
                                            const std::map<QString, QString>& fields,
-                                           const std::map<QString, QString>& headers,
-                                           int timeout_ms, const QString& base_url)
+                                           const std::map<QString, QString>& headers, int timeout_ms,
+                                           const QString& base_url)
 {
     const QString url = base_url + path;
     QNetworkRequest request(QUrl(url, QUrl::TolerantMode));
@@ -422,11 +428,10 @@ int http_connector::send_multipart_request(const QString& path, const QString& f
     }
 
     QHttpPart file_part;
-    file_part.setHeader(QNetworkRequest::ContentTypeHeader,
-                        QStringLiteral("application/octet-stream"));
+    file_part.setHeader(QNetworkRequest::ContentTypeHeader, QStringLiteral("application/octet-stream"));
     file_part.setHeader(QNetworkRequest::ContentDispositionHeader,
-                        QStringLiteral("form-data; name=\"file\"; filename=\"") +
-                            QFileInfo(file_path).fileName() + QLatin1Char('"'));
+                        QStringLiteral("form-data; name=\"file\"; filename=\"") + QFileInfo(file_path).fileName() +
+                            QLatin1Char('"'));
     file_part.setBodyDevice(file);  // streamed from disk while the request is sent
     file->setParent(body);
     body->append(file_part);
@@ -437,8 +442,7 @@ int http_connector::send_multipart_request(const QString& path, const QString& f
     check_server(reply);
     limit_answer(reply, kMaxServiceAnswerBytes);
     body->setParent(reply);
-    connect(reply, SIGNAL(uploadProgress(qint64, qint64)), this,
-            SLOT(update_data_write_progress(qint64, qint64)));
+    connect(reply, SIGNAL(uploadProgress(qint64, qint64)), this, SLOT(update_data_write_progress(qint64, qint64)));
     start_timeout(timeout_ms);
     return 0;
 }
@@ -469,8 +473,8 @@ int http_connector::get_json_file(QString url, int timeout_ms)
     return 0;
 }
 
-void http_connector::download_verified_file(const QString& url, const QString& file_path,
-                                            const QString& sha256_hex, int timeout_ms)
+void http_connector::download_verified_file(const QString& url, const QString& file_path, const QString& sha256_hex,
+                                            int timeout_ms)
 {
     file_path_ = file_path;
     auto* transfer = new verified_download(this, sink_, id_, file_path, sha256_hex, timeout_ms);
@@ -500,11 +504,14 @@ QString http_connector::download_temp_path() const
 
 void http_connector::downloadAppFile(QString url, QString file_path)
 {
-    qDebug() << "downloadAppFile" << "downloadUrl  : " << url;
-    qDebug() << "downloadAppFile" << "fileNamePath : " << file_path;
+    qDebug() << "downloadAppFile"
+             << "downloadUrl  : " << url;
+    qDebug() << "downloadAppFile"
+             << "fileNamePath : " << file_path;
     file_path_ = file_path;
     const bool removed = QFile::remove(file_path);
-    qDebug() << "downloadAppFile" << "remove ret : " << removed;
+    qDebug() << "downloadAppFile"
+             << "remove ret : " << removed;
 
     QNetworkRequest request;
     if (!secure_request(request, url, true)) {  // reported like any failed download: not at all
@@ -522,22 +529,21 @@ void http_connector::downloadAppFile(QString url, QString file_path)
     };
     rewire(SIGNAL(readyRead()), SLOT(slot_onDownLoadFileReadyRead()));
     rewire(SIGNAL(finished()), SLOT(slot_onDownLoadFileFinished()));
-    rewire(SIGNAL(error(QNetworkReply::NetworkError)),
-           SLOT(slot_onDownLoadFileError(QNetworkReply::NetworkError)));
-    rewire(SIGNAL(sslErrors(const QList<QSslError>&)),
-           SLOT(slot_onDownLoadFileSSLError(const QList<QSslError>&)));
-    rewire(SIGNAL(downloadProgress(qint64, qint64)),
-           SLOT(slot_onDownLoadFileDownloadProgress(qint64, qint64)));
+    rewire(SIGNAL(error(QNetworkReply::NetworkError)), SLOT(slot_onDownLoadFileError(QNetworkReply::NetworkError)));
+    rewire(SIGNAL(sslErrors(const QList<QSslError>&)), SLOT(slot_onDownLoadFileSSLError(const QList<QSslError>&)));
+    rewire(SIGNAL(downloadProgress(qint64, qint64)), SLOT(slot_onDownLoadFileDownloadProgress(qint64, qint64)));
 
     const quintptr address = reinterpret_cast<quintptr>(reply_);
     LOG(INFO) << "downloadAppFile reply_ = " << address;
-    qDebug() << "downloadAppFile" << "downloadAppFile reply_ = " << address;
+    qDebug() << "downloadAppFile"
+             << "downloadAppFile reply_ = " << address;
 }
 
 void http_connector::slot_onDownLoadFileReadyRead()
 {
     if (!reply_) {
-        qDebug() << "slot_onDownLoadFileReadyRead" << " reply_ is NULL!";
+        qDebug() << "slot_onDownLoadFileReadyRead"
+                 << " reply_ is NULL!";
         return;
     }
     const QString temp_path = download_temp_path();
@@ -554,8 +560,10 @@ void http_connector::slot_onDownLoadFileReadyRead()
 
 void http_connector::slot_onDownLoadFileDownloadProgress(qint64 received, qint64 total)
 {
-    qDebug() << "slot_onDownLoadFileDownloadProgress" << "recive : " << received;
-    qDebug() << "slot_onDownLoadFileDownloadProgress" << "total  : " << total;
+    qDebug() << "slot_onDownLoadFileDownloadProgress"
+             << "recive : " << received;
+    qDebug() << "slot_onDownLoadFileDownloadProgress"
+             << "total  : " << total;
     report_download_progress(sink_, id_, received, total);
 }
 
@@ -563,7 +571,8 @@ void http_connector::slot_onDownLoadFileFinished()
 {
     if (!reply_)
         return;
-    qDebug() << "slot_onDownLoadFileFinished" << "reply_->error()=" << reply_->error();
+    qDebug() << "slot_onDownLoadFileFinished"
+             << "reply_->error()=" << reply_->error();
     if (reply_->error() != QNetworkReply::NoError) {
         qDebug() << "reply->errorString()=" << reply_->errorString();
         return;
@@ -575,8 +584,10 @@ void http_connector::slot_onDownLoadFileFinished()
     const QString temp_path = download_temp_path();
     if (QFile::exists(temp_path)) {
         const bool renamed = QFile::rename(temp_path, file_path_);
-        qDebug() << "slot_onDownLoadFileFinished" << "rename : " << "true" << " ;rename ret : "
-                 << renamed;
+        qDebug() << "slot_onDownLoadFileFinished"
+                 << "rename : "
+                 << "true"
+                 << " ;rename ret : " << renamed;
     } else {
         qDebug() << "slot_onDownLoadFileFinished" << temp_path << " is not exists ! Download failed!";
     }
@@ -585,12 +596,14 @@ void http_connector::slot_onDownLoadFileFinished()
 
 void http_connector::slot_onDownLoadFileError(QNetworkReply::NetworkError code)
 {
-    qDebug() << "slot_onDownLoadFileError" << "networkError=" << code;
+    qDebug() << "slot_onDownLoadFileError"
+             << "networkError=" << code;
 }
 
 void http_connector::slot_onDownLoadFileSSLError(const QList<QSslError>& errors)
 {
-    qDebug() << "slot_onDownLoadFileSSLError" << "sslErrors=" << errors;
+    qDebug() << "slot_onDownLoadFileSSLError"
+             << "sslErrors=" << errors;
 }
 
 void http_connector::replyDownload(QNetworkReply* reply)

@@ -63,15 +63,11 @@ public:
     ~http_connector() override;
 
     // POSTs `body` (UTF-8) to base_url + path [+ "/" + sub_path] + "?k=v" per query entry.
-    void send_request(const std::string& path, const QString& body,
-                      const std::map<std::string, std::string>& query, int timeout_ms,
-                      const std::string& sub_path, bool flag,
-                      const std::map<std::string, std::string>& headers,
-                      const std::string& base_url);
-    int send_multipart_request(const QString& path, const QString& file_path,
-                               const std::map<QString, QString>& fields,
-                               const std::map<QString, QString>& headers, int timeout_ms,
-                               const QString& base_url);
+    void send_request(const std::string& path, const QString& body, const std::map<std::string, std::string>& query,
+                      int timeout_ms, const std::string& sub_path, bool flag,
+                      const std::map<std::string, std::string>& headers, const std::string& base_url);
+    int send_multipart_request(const QString& path, const QString& file_path, const std::map<QString, QString>& fields,
+                               const std::map<QString, QString>& headers, int timeout_ms, const QString& base_url);
     int get_json_file(QString url, int timeout_ms);
     void downloadAppFile(QString url, QString file_path);
     // download_verified(): the body into a temporary file beside file_path, hashed as it arrives.

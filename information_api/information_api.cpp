@@ -34,7 +34,9 @@ void start_warm_worker(api_thread* thread)
 {
     QSemaphore warm;
     const QMetaObject::Connection warming = QObject::connect(thread, &QThread::started, [done = &warm] {
-        { QNetworkAccessManager warm_up; }
+        {
+            QNetworkAccessManager warm_up;
+        }
         QSslConfiguration::defaultConfiguration();
         QSemaphore* const warmed = done;  // this function object is gone once the caller goes on
         mark_release(warmed);
@@ -115,10 +117,13 @@ int information_clean()
             // waits for that and deletes it.
             worker->requestInterruption();
             worker->quit();
-            QMetaObject::invokeMethod(worker, [worker] {
-                worker->stop();
-                worker->deleteLater();
-            }, Qt::QueuedConnection);
+            QMetaObject::invokeMethod(
+                worker,
+                [worker] {
+                    worker->stop();
+                    worker->deleteLater();
+                },
+                Qt::QueuedConnection);
             announce_hand_over();
         } else {
             worker->stop();
@@ -142,8 +147,8 @@ int release_connect(int id)
     return 0;
 }
 
-int upload_information(const QString& base_url, const QString& body, const QString& app_id,
-                       const QString& type, information_sink* sink, int id, int timeout)
+int upload_information(const QString& base_url, const QString& body, const QString& app_id, const QString& type,
+                       information_sink* sink, int id, int timeout)
 {
     http_connector* connector = open_connection(id, sink);
     const std::map<std::string, std::string> query{{"type", type.toStdString()}};
@@ -153,30 +158,30 @@ int upload_information(const QString& base_url, const QString& body, const QStri
     return 0;
 }
 
-int upload_file(const QString& base_url, const QString& file_path, const QString& app_id,
-                const QString& /*extra*/, information_sink* sink, const int id, int timeout)
+int upload_file(const QString& base_url, const QString& file_path, const QString& app_id, const QString& /*extra*/,
+                information_sink* sink, const int id, int timeout)
 {
     http_connector* connector = open_connection(id, sink);
     const QString suffix = QStringLiteral("?category=feedback&bucket=pub");
     const std::map<QString, QString> headers{{QStringLiteral("X-Auth-AppID"), app_id}};
-    qDebug() << "upload_file" << "url_post : " << suffix;
-    const int ret = connector->send_multipart_request(suffix, file_path, {}, headers, timeout,
-                                                      base_url);
+    qDebug() << "upload_file"
+             << "url_post : " << suffix;
+    const int ret = connector->send_multipart_request(suffix, file_path, {}, headers, timeout, base_url);
     qDebug() << "upload_file ret : " << ret;
     LOG(INFO) << "send_multipart_request ret=" << ret;
     hand_over(connector);
     return 0;
 }
 
-int get_url_json_file(const QString& base_url, const QString& software, information_sink* sink,
-                      const int id, int timeout)
+int get_url_json_file(const QString& base_url, const QString& software, information_sink* sink, const int id,
+                      int timeout)
 {
     http_connector* connector = open_connection(id, sink);
     srand(unsigned(time(nullptr)));
     const int drawn = rand();
     // "t" only defeats caches between the host and the content host.
-    const QString path = QStringLiteral("/software/%1/interface.json?t=%2")
-                             .arg(software, QString::number(drawn % 1000));
+    const QString path =
+        QStringLiteral("/software/%1/interface.json?t=%2").arg(software, QString::number(drawn % 1000));
     const QString full_url = base_url + path;
     qDebug() << "post_url=" << full_url;
     LOG(INFO) << " get_url_json_file full_url=" << full_url.toUtf8().constData();

@@ -46,13 +46,13 @@ class http_connector;
 /// failed reply carried a body). A request that fails at once (an unknown scheme, a refused URL)
 /// reports its error and no time-out.
 typedef struct _tag_response_info {
-    bool ok = false;    ///< The request succeeded (`ret` 0).
-    QString msg;        ///< The reply's error text, "timeout", or the service's refusal text.
-    int ret = 0;        ///< 0 success, 6 time-out, 7 network error, 10 failed response (see above).
+    bool ok = false;  ///< The request succeeded (`ret` 0).
+    QString msg;      ///< The reply's error text, "timeout", or the service's refusal text.
+    int ret = 0;      ///< 0 success, 6 time-out, 7 network error, 10 failed response (see above).
     /// `QNetworkReply::NetworkError`; -1 after a time-out, -2 after a failed response.
     int net_error = 0;
-    QString result;     ///< A file upload's stored id ("dfs_id"); empty otherwise.
-    QVariant content;   ///< A fetch's `QJsonDocument` (`toJsonDocument()`); invalid otherwise.
+    QString result;    ///< A file upload's stored id ("dfs_id"); empty otherwise.
+    QVariant content;  ///< A fetch's `QJsonDocument` (`toJsonDocument()`); invalid otherwise.
 } response_info_t;
 
 /// Implemented by the host to receive the results of its requests.
@@ -153,9 +153,8 @@ INFORMATION_API_EXPORT int release_connect(int id);
 /// ret 6 report follows every `timeout` ms until the answer begins to arrive; the request itself
 /// is never abandoned for it. A `timeout` of 0 or less means no time-out at all.
 /// @return 0, at once.
-INFORMATION_API_EXPORT int upload_information(const QString& base_url, const QString& body,
-                                              const QString& app_id, const QString& type,
-                                              information_sink* sink, int id, int timeout);
+INFORMATION_API_EXPORT int upload_information(const QString& base_url, const QString& body, const QString& app_id,
+                                              const QString& type, information_sink* sink, int id, int timeout);
 
 /// Uploads a local file, a feedback attachment, as a multipart form.
 ///
@@ -172,9 +171,8 @@ INFORMATION_API_EXPORT int upload_information(const QString& base_url, const QSt
 /// nothing is reported: check the file first. The connection is registered all the same, so
 /// release it.
 /// @return 0, at once.
-INFORMATION_API_EXPORT int upload_file(const QString& base_url, const QString& file_path,
-                                       const QString& app_id, const QString& extra,
-                                       information_sink* sink, const int id, int timeout);
+INFORMATION_API_EXPORT int upload_file(const QString& base_url, const QString& file_path, const QString& app_id,
+                                       const QString& extra, information_sink* sink, const int id, int timeout);
 
 /// Fetches the remote interface file of a software product.
 ///
@@ -185,8 +183,8 @@ INFORMATION_API_EXPORT int upload_file(const QString& base_url, const QString& f
 /// array or object, or not JSON is ret 10. `id`, `sink` and `timeout` as for
 /// upload_information().
 /// @return 0, at once.
-INFORMATION_API_EXPORT int get_url_json_file(const QString& base_url, const QString& software,
-                                             information_sink* sink, const int id, int timeout);
+INFORMATION_API_EXPORT int get_url_json_file(const QString& base_url, const QString& software, information_sink* sink,
+                                             const int id, int timeout);
 
 /// Downloads an installer into `file_path`; download_verified() is the safer choice.
 ///
@@ -204,8 +202,7 @@ INFORMATION_API_EXPORT int get_url_json_file(const QString& base_url, const QStr
 ///
 /// `id` names the connection for release_connect(); the download reports carry no id.
 /// @return 0, at once.
-INFORMATION_API_EXPORT int downLoadApp(int id, information_sink* sink, const QString& url,
-                                       const QString& file_path);
+INFORMATION_API_EXPORT int downLoadApp(int id, information_sink* sink, const QString& url, const QString& file_path);
 
 /// The worker thread; null before information_init() and after information_clean().
 /// Exported for existing hosts: never change it.

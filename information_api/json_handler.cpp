@@ -96,10 +96,7 @@ bool is_empty_document(const QJsonDocument& document)
            (document.isObject() && document.object().isEmpty());
 }
 
-void log_parse_exception(const std::string& body)
-{
-    LOG(WARNING) << "error: json parse exception: " << body;
-}
+void log_parse_exception(const std::string& body) { LOG(WARNING) << "error: json parse exception: " << body; }
 
 }  // namespace
 
@@ -128,10 +125,7 @@ json_handler::return_type json_handler::operator()(QNetworkReply* reply)
     return 0;
 }
 
-json_handler::return_type json_handler::processing(QNetworkReply*)
-{
-    return 0;
-}
+json_handler::return_type json_handler::processing(QNetworkReply*) { return 0; }
 
 json_handler::return_type upload_handler::operator()(QNetworkReply* reply)
 {
@@ -218,8 +212,8 @@ json_handler::return_type get_url_json_file_handler::operator()(QNetworkReply* r
         mark_failed(info, reply);
     if (sink_) {
         const QJsonDocument document = info.content.toJsonDocument();
-        LOG(INFO) << " json  pram   : isEmpty=" << is_empty_document(document)
-                  << "isNull=" << document.isNull() << "isArray=" << document.isArray();
+        LOG(INFO) << " json  pram   : isEmpty=" << is_empty_document(document) << "isNull=" << document.isNull()
+                  << "isArray=" << document.isArray();
     }
     report_response(sink_, id_, info);
     return 0;

@@ -28,10 +28,7 @@ namespace {
 
 constexpr qint64 kMiB = 1 << 20;
 
-QByteArray hex4(uint id)
-{
-    return QByteArray::number(id & 0xffff, 16).rightJustified(4, '0');
-}
+QByteArray hex4(uint id) { return QByteArray::number(id & 0xffff, 16).rightJustified(4, '0'); }
 
 // A file of /proc or /sys: they report no size, so it is read to its end (at most `limit` bytes).
 // Null when it cannot be opened. A sysfs attribute comes whole in one read: `one_read` spares the
@@ -147,8 +144,9 @@ QString pci_name(const QByteArray& ids, uint vendor, uint device)
         const char* const lineEnd = line_end(line);
         if (line[1] == deviceKey[1] && lineEnd - line >= deviceKey.size() &&
             std::memcmp(line, deviceKey.constData(), size_t(deviceKey.size())) == 0) {
-            const QByteArray name = QByteArray(at, int(vendorEnd - at)).trimmed() + ' ' +
-                                    QByteArray(line + deviceKey.size(), int(lineEnd - line - deviceKey.size())).trimmed();
+            const QByteArray name =
+                QByteArray(at, int(vendorEnd - at)).trimmed() + ' ' +
+                QByteArray(line + deviceKey.size(), int(lineEnd - line - deviceKey.size())).trimmed();
             return QString::fromUtf8(name);
         }
         line = lineEnd + 1;

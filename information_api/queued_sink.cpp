@@ -10,13 +10,12 @@ struct queued_sink::handlers {
     finished_handler finished;
 };
 
-queued_sink::queued_sink(QObject* receiver, response_handler on_response,
-                         progress_handler on_download_progress, finished_handler on_download_finished)
+queued_sink::queued_sink(QObject* receiver, response_handler on_response, progress_handler on_download_progress,
+                         finished_handler on_download_finished)
     : receiver_(receiver),
-      handlers_(std::make_shared<const handlers>(handlers{std::move(on_response), std::move(on_download_progress),
-                                                          std::move(on_download_finished)}))
-{
-}
+      handlers_(std::make_shared<const handlers>(
+          handlers{std::move(on_response), std::move(on_download_progress), std::move(on_download_finished)}))
+{}
 
 queued_sink::~queued_sink() = default;
 
@@ -28,10 +27,13 @@ void queued_sink::queue(std::function<void(const handlers&)> call)
     QObject* const receiver = receiver_.data();
     if (!receiver)
         return;
-    QMetaObject::invokeMethod(receiver, [guard = QPointer<QObject>(receiver), h = handlers_, call = std::move(call)] {
-        if (guard)
-            call(*h);
-    }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        receiver,
+        [guard = QPointer<QObject>(receiver), h = handlers_, call = std::move(call)] {
+            if (guard)
+                call(*h);
+        },
+        Qt::QueuedConnection);
 }
 
 void queued_sink::on_response(int id, QVariant result)

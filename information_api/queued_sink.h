@@ -38,8 +38,7 @@ public:
     using finished_handler = std::function<void(bool success, int code, int net_error)>;
 
     /// Queues each report to `receiver` and runs the matching handler on its thread.
-    explicit queued_sink(QObject* receiver, response_handler on_response,
-                         progress_handler on_download_progress = {},
+    explicit queued_sink(QObject* receiver, response_handler on_response, progress_handler on_download_progress = {},
                          finished_handler on_download_finished = {});
     ~queued_sink() override;
 

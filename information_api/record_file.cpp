@@ -45,8 +45,10 @@ QStringList ini_value_items(const QByteArray& d, int i, int end)
             ++i;
     };
     const auto digit = [](char c) {
-        return c >= '0' && c <= '9' ? uint(c - '0') : c >= 'a' && c <= 'f' ? uint(c - 'a' + 10)
-             : c >= 'A' && c <= 'F' ? uint(c - 'A' + 10) : 99u;
+        return c >= '0' && c <= '9'   ? uint(c - '0')
+               : c >= 'a' && c <= 'f' ? uint(c - 'a' + 10)
+               : c >= 'A' && c <= 'F' ? uint(c - 'A' + 10)
+                                      : 99u;
     };
     const auto read_number = [&](uint base, uint value) {  // \x and octal escapes, any length
         while (i < end && digit(d[i]) < base)
@@ -100,7 +102,9 @@ bool holds_serialised_variant(const QByteArray& d)
                 quoted = !quoted;
             else if (c == '\\')
                 i += (i + 2 < d.size() && (d[i + 1] == '\n' || d[i + 1] == '\r') &&
-                      (d[i + 2] == '\n' || d[i + 2] == '\r') && d[i + 1] != d[i + 2]) ? 2 : 1;
+                      (d[i + 2] == '\n' || d[i + 2] == '\r') && d[i + 1] != d[i + 2])
+                         ? 2
+                         : 1;
             else if (!quoted && (c == '\n' || c == '\r' || c == ';'))
                 break;
         }
@@ -266,7 +270,7 @@ bool ini_bytes(const QByteArray& data, const QString& type, QByteArray& bytes, Q
         file.sync();
         if (file.status() != QSettings::NoError)
             return reason = file.status() == QSettings::AccessError ? "QSettings status AccessError"
-                                                                     : "QSettings status FormatError",
+                                                                    : "QSettings status FormatError",
                    false;
     }
     bytes = written.open(QIODevice::ReadOnly) ? written.readAll() : QByteArray();
@@ -404,8 +408,7 @@ QString store_record(const QString& path, const QByteArray& data, const QString&
     return ini_bytes(data, type, bytes, failure) ? install(path, bytes, own, own_path, failure) : QString();
 }
 
-const char* read_checked_ini(const QString& path, bool follow_links,
-                             const std::function<void(const QSettings&)>& read)
+const char* read_checked_ini(const QString& path, bool follow_links, const std::function<void(const QSettings&)>& read)
 {
     QByteArray bytes;
     if (const char* refused = checked_bytes(path, bytes, follow_links))

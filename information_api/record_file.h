@@ -36,8 +36,7 @@ QString store_record(const QString& path, const QByteArray& data, const QString&
 // no value that QSettings would decode as a serialised QVariant. Returns null when `read` was
 // called (with nothing to read for a file that is missing or cannot be opened), otherwise why the
 // file was refused.
-const char* read_checked_ini(const QString& path, bool follow_links,
-                             const std::function<void(const QSettings&)>& read);
+const char* read_checked_ini(const QString& path, bool follow_links, const std::function<void(const QSettings&)>& read);
 
 // A private, checked copy of the INI file `source` for a settings object that lives on: the path
 // to open it at. refresh_checked_copy() brings the copy up to date with `source` and syncs the

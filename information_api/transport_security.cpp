@@ -109,8 +109,8 @@ bool verified_download::open() { return may_replace(file_.fileName()) && file_.o
 
 void verified_download::fail_unsent(int code, int net_error)
 {
-    QMetaObject::invokeMethod(this, [this, code, net_error] { finish(false, code, net_error); },
-                              Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        this, [this, code, net_error] { finish(false, code, net_error); }, Qt::QueuedConnection);
 }
 
 void verified_download::watch(QNetworkReply* reply)
@@ -128,10 +128,13 @@ void verified_download::watch(QNetworkReply* reply)
         reply->abort();
     });
     // Started where the connector ends up, like the requests' time-out.
-    QMetaObject::invokeMethod(this, [this] {
-        if (!done_)
-            idle_.start();
-    }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        this,
+        [this] {
+            if (!done_)
+                idle_.start();
+        },
+        Qt::QueuedConnection);
 }
 
 void verified_download::take(QNetworkReply* reply)

@@ -43,20 +43,11 @@ const char* const kCdnBaseUrl = "https://" INFORMATION_API_CDN_HOST;
 const char* const kTestAppId = "3c9d0a7e51b24f68e0a7c2d9b4f6e183";
 const char* const kReleaseAppId = "a0f4c9e27d5b3816c4e9a7d2f05b68c1";
 
-QString utc_now_stamp()
-{
-    return record_clock().toString(kUtcStampFormat);
-}
+QString utc_now_stamp() { return record_clock().toString(kUtcStampFormat); }
 
-QString utc_now_stem(const char* format)
-{
-    return record_clock().toString(format);
-}
+QString utc_now_stem(const char* format) { return record_clock().toString(format); }
 
-QString record_path(const QString& stem)
-{
-    return QString(kRecordPathPattern).arg(stem);
-}
+QString record_path(const QString& stem) { return QString(kRecordPathPattern).arg(stem); }
 
 // Where a K300 profile's name starts when a variant stands between the profile's last "-" and
 // that name ("2x" in pro-2xK300.ple); -1 for every other profile.
@@ -421,9 +412,9 @@ void windows_information_imp::create_calibrate_inifo(QStringList& stepModulars, 
     store(record_path(utc_now_stem(kUtcStemFormat)), record, "calibration");
 }
 
-void windows_information_imp::create_share_inifo(QString& ple, QString& modelName, QString& modular,
-                                                 QString& startOn, QString& endOn, QString& target, QString& name,
-                                                 QString& account, int enableGuide)
+void windows_information_imp::create_share_inifo(QString& ple, QString& modelName, QString& modular, QString& startOn,
+                                                 QString& endOn, QString& target, QString& name, QString& account,
+                                                 int enableGuide)
 {
     this->enableGuide = enableGuide;
     this->ple = ple;
@@ -453,7 +444,8 @@ void windows_information_imp::add_scan_info(const _tag_scan_info& info, int enab
     modular = info.modular;
     modularPles = info.modularPles;
 
-    LOG(INFO) << "add_scan_info" << " this->softwareVer = " << softwareVer.toUtf8().constData();
+    LOG(INFO) << "add_scan_info"
+              << " this->softwareVer = " << softwareVer.toUtf8().constData();
     QJsonObject record;
     create_usage_inner(QString(), record);
     record["tracingType"] = "scan";
@@ -489,12 +481,11 @@ void windows_information_imp::add_scan_info(const _tag_scan_info& info, int enab
     store(record_path(utc_now_stem("yyyy-MM-ddThh-mm-ss.sssZ")), record, "scan");
 }
 
-void windows_information_imp::create_scan_inifo(QString& height, QString& length, QString& width,
-                                                QString& fileName, QString& handHeldPointGenWay, QString& meshType,
-                                                QString& alignMode, QString& classsify, QString& hdr,
-                                                QString& modular, QString& startOn, QString& endOn,
-                                                QString& pointDis, QString& texture, QString& totalPoint,
-                                                QString totalFaces, int)
+void windows_information_imp::create_scan_inifo(QString& height, QString& length, QString& width, QString& fileName,
+                                                QString& handHeldPointGenWay, QString& meshType, QString& alignMode,
+                                                QString& classsify, QString& hdr, QString& modular, QString& startOn,
+                                                QString& endOn, QString& pointDis, QString& texture,
+                                                QString& totalPoint, QString totalFaces, int)
 {
     // The flat record keeps the envelope's "usage" tracing type; receivers tell it by "type".
     QJsonObject record;
@@ -540,16 +531,16 @@ int windows_information_imp::get_scan_info(const QString& path, QString& data, Q
     QMessageLogger(__FILE__, __LINE__,
                    "virtual int information_api::windows_information_imp::get_scan_info(const QString &, "
                    "QString &, QString &)")
-        .debug()
+            .debug()
         << "type=" << type;
     data = bytes.isNull() ? QString() : QString::fromUtf8(bytes.constData());
     return 0;
 }
 
 QString windows_information_imp::create_userfeedback_info(QString& ple, QString& softwareVer, QString& modelName,
-                                                          QString& modular, QStringList& modularPles,
-                                                          int enableGuide, QString& email, QString& industry,
-                                                          QString& content, QStringList& attachs)
+                                                          QString& modular, QStringList& modularPles, int enableGuide,
+                                                          QString& email, QString& industry, QString& content,
+                                                          QStringList& attachs)
 {
     this->modularPles = modularPles;
     const QString stem = begin_user_record(*this, ple, softwareVer, modelName, modular, enableGuide);
@@ -568,9 +559,9 @@ QString windows_information_imp::create_userfeedback_info(QString& ple, QString&
     return written.isEmpty() ? path : written;
 }
 
-QString windows_information_imp::add_user_score(const QString& score, const QString& ple,
-                                                const QString& softwareVer, QString& modelName, QString& modular,
-                                                const QString& industry, int enableGuide)
+QString windows_information_imp::add_user_score(const QString& score, const QString& ple, const QString& softwareVer,
+                                                QString& modelName, QString& modular, const QString& industry,
+                                                int enableGuide)
 {
     modularPles.clear();
     const QString stem = begin_user_record(*this, ple, softwareVer, modelName, modular, enableGuide);
@@ -589,15 +580,14 @@ QString windows_information_imp::add_user_score(const QString& score, const QStr
     return written.isEmpty() ? path : written;
 }
 
-void windows_information_imp::get_upload_config(int& enable, int& time_intval, QString& url, QString& app_id,
-                                                QString&)
+void windows_information_imp::get_upload_config(int& enable, int& time_intval, QString& url, QString& app_id, QString&)
 {
     refresh_checked_copy(systemSettings);
     enable = systemSettings.value("enable", 0).toInt();
     time_intval = systemSettings.value("time_intval", 60).toInt();
     const int test = systemSettings.value("test", 0).toInt();
-    LOG(INFO) << "get_upload_config show " << "test_type " << test << "_test_url "
-              << testUploadUrl.toUtf8().constData();
+    LOG(INFO) << "get_upload_config show "
+              << "test_type " << test << "_test_url " << testUploadUrl.toUtf8().constData();
     if (test != 0) {
         url = testUploadUrl.isEmpty() ? QString(kTestUploadUrl) : testUploadUrl;
         app_id = kTestAppId;

@@ -33,26 +33,26 @@ struct INFORMATION_API_EXPORT _tag_scan_mode {
 /// A scan as the host describes it to add_scan_info(). The spare fields hold the host's own
 /// data at fixed places; the library never reads them.
 struct INFORMATION_API_EXPORT _tag_scan_info {
-    QString ple;        ///< Device profile file name; stored in VeltraInfoMgr::ple.
-    QString modelName;  ///< Device model name; stored in VeltraInfoMgr::modelName.
-    QString modular;    ///< Module description; stored in VeltraInfoMgr::modular.
-    void* spare1 = nullptr;  ///< The host's own; never read.
-    QString startOn;    ///< Scan start; stored in VeltraInfoMgr::startOn, recorded as given.
-    QString endOn;      ///< Scan end; stored in VeltraInfoMgr::endOn, recorded as given.
+    QString ple;                        ///< Device profile file name; stored in VeltraInfoMgr::ple.
+    QString modelName;                  ///< Device model name; stored in VeltraInfoMgr::modelName.
+    QString modular;                    ///< Module description; stored in VeltraInfoMgr::modular.
+    void* spare1 = nullptr;             ///< The host's own; never read.
+    QString startOn;                    ///< Scan start; stored in VeltraInfoMgr::startOn, recorded as given.
+    QString endOn;                      ///< Scan end; stored in VeltraInfoMgr::endOn, recorded as given.
     std::vector<_tag_scan_mode> modes;  ///< The scanning modes used, in order.
-    QString texture;     ///< Texture setting.
-    QString totalPoint;  ///< Number of points: recorded as a number, 0 unless a whole number.
-    QString pointDis;    ///< Point distance, recorded as text.
-    QString length;      ///< Bounding box, in "box" as a single-precision number (0 unless one).
-    QString width;       ///< Bounding box, as `length`.
-    QString height;      ///< Bounding box, as `length`.
-    QString handHeldPointGenWay;  ///< How hand-held scanning generated its points.
-    QString meshType;    ///< Mesh type.
-    QString fileName;    ///< The scan's file name.
-    void* spare2 = nullptr;  ///< The host's own; never read.
-    void* spare3 = nullptr;  ///< The host's own; never read.
-    void* spare4 = nullptr;  ///< The host's own; never read.
-    QStringList modularPles;  ///< Module profile names; stored in VeltraInfoMgr::modularPles.
+    QString texture;                    ///< Texture setting.
+    QString totalPoint;                 ///< Number of points: recorded as a number, 0 unless a whole number.
+    QString pointDis;                   ///< Point distance, recorded as text.
+    QString length;                     ///< Bounding box, in "box" as a single-precision number (0 unless one).
+    QString width;                      ///< Bounding box, as `length`.
+    QString height;                     ///< Bounding box, as `length`.
+    QString handHeldPointGenWay;        ///< How hand-held scanning generated its points.
+    QString meshType;                   ///< Mesh type.
+    QString fileName;                   ///< The scan's file name.
+    void* spare2 = nullptr;             ///< The host's own; never read.
+    void* spare3 = nullptr;             ///< The host's own; never read.
+    void* spare4 = nullptr;             ///< The host's own; never read.
+    QStringList modularPles;            ///< Module profile names; stored in VeltraInfoMgr::modularPles.
 };
 
 /// The record manager's interface: what the host records through, and where it learns what to
@@ -133,8 +133,8 @@ public:
     virtual void create_calibrate_inifo(QStringList& stepModulars, QString& softwareVer, QString& ple,
                                         QString& modelName, QString& modular, QStringList& modularPles,
                                         QString& startOn, QString& endOn, QStringList& stepClasses,
-                                        QStringList& stepStarts, QStringList& stepEnds,
-                                        QStringList& stepResults, int enableGuide) = 0;
+                                        QStringList& stepStarts, QStringList& stepEnds, QStringList& stepResults,
+                                        int enableGuide) = 0;
     /// Records that a result was shared.
     ///
     /// Stores `enableGuide`, `ple`, `modelName`, `modular`, `startOn` and `endOn` in the manager
@@ -168,8 +168,8 @@ public:
     /// @param ple, softwareVer, modelName, modular the device profile file name, the host
     ///        software's version, the device model name and the module description
     /// @param enableGuide the host's guide option: "enableGuide" is "yes" when 1, else "no"
-    virtual void create_usage_inifo(const QString& start, QString& ple, QString& softwareVer,
-                                    QString& modelName, QString& modular, int enableGuide) = 0;
+    virtual void create_usage_inifo(const QString& start, QString& ple, QString& softwareVer, QString& modelName,
+                                    QString& modular, int enableGuide) = 0;
     /// Records a user's satisfaction score; the library never lists, uploads or deletes it.
     ///
     /// Stores `enableGuide`, `modelName`, `modular`, `softwareVer` and `ple` in the manager,
@@ -185,8 +185,7 @@ public:
     /// @return the path written: `<stem>-<n>.score2` when the name was taken (it names no file
     ///         when the write failed)
     virtual QString add_user_score(const QString& score, const QString& ple, const QString& softwareVer,
-                                   QString& modelName, QString& modular, const QString& industry,
-                                   int enableGuide) = 0;
+                                   QString& modelName, QString& modular, const QString& industry, int enableGuide) = 0;
     /// Records a user's written feedback.
     ///
     /// Stores in the manager what add_user_score() stores (the profile normalised alike, the
@@ -201,10 +200,9 @@ public:
     ///        upload_file()
     /// @return the path written: `<stem>-<n>.info2` when the name was taken (it names no file
     ///         when the write failed)
-    virtual QString create_userfeedback_info(QString& ple, QString& softwareVer, QString& modelName,
-                                             QString& modular, QStringList& modularPles, int enableGuide,
-                                             QString& email, QString& industry, QString& content,
-                                             QStringList& attachs) = 0;
+    virtual QString create_userfeedback_info(QString& ple, QString& softwareVer, QString& modelName, QString& modular,
+                                             QStringList& modularPles, int enableGuide, QString& email,
+                                             QString& industry, QString& content, QStringList& attachs) = 0;
     /// Deletes the records that are too old to be worth sending.
     ///
     /// Those are the `*.info2` files of "./veltrainfo/" modified more than "remain" calendar days
@@ -245,8 +243,7 @@ public:
     /// @param url the record-upload URL for upload_information()
     /// @param app_id the application id for upload_information() and upload_file()
     /// @param extra never touched
-    virtual void get_upload_config(int& enable, int& time_intval, QString& url, QString& app_id,
-                                   QString& extra) = 0;
+    virtual void get_upload_config(int& enable, int& time_intval, QString& url, QString& app_id, QString& extra) = 0;
     /// Reads a record file back, whatever its kind: its JSON text into `data` (null when the file
     /// has no "data") and its kind into `type`.
     /// The file is opened once, without blocking, and QSettings decodes a private copy of the
@@ -306,23 +303,23 @@ public:
     /// Start of the period records carry ("startOn"): the run's start (UTC
     /// "yyyy-MM-ddThh:mm:ssZ"), or the last period a builder stored.
     QString startOn;
-    QString endOn;  ///< End of that period ("endOn"); the run's start until a builder stores one.
-    QString osName;      ///< Operating system's name ("osSoftExt"); see get_os_info().
-    QString lang;        ///< System language, as en_US ("osSoftExt"); see get_os_info().
-    QString resolution;  ///< Primary screen, "<w> x <h>" pixels ("osSoftExt"); see get_os_info().
-    QString spareText2;  ///< Unused; keeps the layout.
-    QString installPath;     ///< The application's folder ("osSoftExt"); see get_install_info().
-    QString browserName;     ///< Default browser ("osSoftExt" "browser"); always empty.
-    QString browserVersion;  ///< Its version ("browser" "ver"); always empty.
-    QString cpuCores;        ///< Physical CPU cores, decimal ("osHdExt" "cpu", a number).
-    QString cpuModel;        ///< CPU model ("osHdExt" "cpu"); see get_cpu_info().
-    QString memSize;         ///< Memory in MiB, decimal ("osHdExt", a number); see get_memory_info().
-    QStringList gpuModels;   ///< One per graphics adapter ("osHdExt" "gpu"); see get_gpu_info().
+    QString endOn;            ///< End of that period ("endOn"); the run's start until a builder stores one.
+    QString osName;           ///< Operating system's name ("osSoftExt"); see get_os_info().
+    QString lang;             ///< System language, as en_US ("osSoftExt"); see get_os_info().
+    QString resolution;       ///< Primary screen, "<w> x <h>" pixels ("osSoftExt"); see get_os_info().
+    QString spareText2;       ///< Unused; keeps the layout.
+    QString installPath;      ///< The application's folder ("osSoftExt"); see get_install_info().
+    QString browserName;      ///< Default browser ("osSoftExt" "browser"); always empty.
+    QString browserVersion;   ///< Its version ("browser" "ver"); always empty.
+    QString cpuCores;         ///< Physical CPU cores, decimal ("osHdExt" "cpu", a number).
+    QString cpuModel;         ///< CPU model ("osHdExt" "cpu"); see get_cpu_info().
+    QString memSize;          ///< Memory in MiB, decimal ("osHdExt", a number); see get_memory_info().
+    QStringList gpuModels;    ///< One per graphics adapter ("osHdExt" "gpu"); see get_gpu_info().
     QStringList gpuMemSizes;  ///< Adapter memory in MiB, decimal, parallel to gpuModels.
-    QString hddSize;        ///< Size of the application's volume in MiB, decimal ("osHdExt", a number).
-    QString hddRemainSize;  ///< Space available on it in MiB, decimal ("osHdExt", a number).
-    QString ple;      ///< Current device profile file name ("modularExt" "ple").
-    QString modular;  ///< Module description: the "name" of every module in "modularExt".
+    QString hddSize;          ///< Size of the application's volume in MiB, decimal ("osHdExt", a number).
+    QString hddRemainSize;    ///< Space available on it in MiB, decimal ("osHdExt", a number).
+    QString ple;              ///< Current device profile file name ("modularExt" "ple").
+    QString modular;          ///< Module description: the "name" of every module in "modularExt".
     /// Module profile names: one module of "modularExt" each ("mple"); the first always, later
     /// empty ones skipped.
     QStringList modularPles;
@@ -374,30 +371,25 @@ public:
 
     void setSoftwareName(const QString& name) override;
     void add_scan_info(const _tag_scan_info& info, int enableGuide) override;
-    void create_calibrate_inifo(QStringList& stepModulars, QString& softwareVer, QString& ple,
-                                QString& modelName, QString& modular, QStringList& modularPles,
-                                QString& startOn, QString& endOn, QStringList& stepClasses,
-                                QStringList& stepStarts, QStringList& stepEnds, QStringList& stepResults,
-                                int enableGuide) override;
-    void create_share_inifo(QString& ple, QString& modelName, QString& modular, QString& startOn,
-                            QString& endOn, QString& target, QString& name, QString& account,
-                            int enableGuide) override;
+    void create_calibrate_inifo(QStringList& stepModulars, QString& softwareVer, QString& ple, QString& modelName,
+                                QString& modular, QStringList& modularPles, QString& startOn, QString& endOn,
+                                QStringList& stepClasses, QStringList& stepStarts, QStringList& stepEnds,
+                                QStringList& stepResults, int enableGuide) override;
+    void create_share_inifo(QString& ple, QString& modelName, QString& modular, QString& startOn, QString& endOn,
+                            QString& target, QString& name, QString& account, int enableGuide) override;
     void create_usage_inifo(const QString& start, QString& ple, QString& softwareVer, QString& modelName,
                             QString& modular, int enableGuide) override;
-    QString add_user_score(const QString& score, const QString& ple, const QString& softwareVer,
-                           QString& modelName, QString& modular, const QString& industry,
-                           int enableGuide) override;
-    QString create_userfeedback_info(QString& ple, QString& softwareVer, QString& modelName,
-                                     QString& modular, QStringList& modularPles, int enableGuide,
-                                     QString& email, QString& industry, QString& content,
-                                     QStringList& attachs) override;
+    QString add_user_score(const QString& score, const QString& ple, const QString& softwareVer, QString& modelName,
+                           QString& modular, const QString& industry, int enableGuide) override;
+    QString create_userfeedback_info(QString& ple, QString& softwareVer, QString& modelName, QString& modular,
+                                     QStringList& modularPles, int enableGuide, QString& email, QString& industry,
+                                     QString& content, QStringList& attachs) override;
     void clear_timeout_file() override;
     int get_upload_files(QStringList& files) override;
     int get_reconnect_intval() override;
     void set_ple(const QString& ple) override;
     void set_sn(const QString& sn) override;
-    void get_upload_config(int& enable, int& time_intval, QString& url, QString& app_id,
-                           QString& extra) override;
+    void get_upload_config(int& enable, int& time_intval, QString& url, QString& app_id, QString& extra) override;
     int get_scan_info(const QString& path, QString& data, QString& type) override;
     void get_score_files(QStringList& files) override;
     void get_domain_manger_url(QString& url) override;
@@ -425,9 +417,9 @@ public:
     /// @param unused ignored
     virtual void create_scan_inifo(QString& height, QString& length, QString& width, QString& fileName,
                                    QString& handHeldPointGenWay, QString& meshType, QString& alignMode,
-                                   QString& classsify, QString& hdr, QString& modular, QString& startOn,
-                                   QString& endOn, QString& pointDis, QString& texture,
-                                   QString& totalPoint, QString totalFaces, int unused);
+                                   QString& classsify, QString& hdr, QString& modular, QString& startOn, QString& endOn,
+                                   QString& pointDis, QString& texture, QString& totalPoint, QString totalFaces,
+                                   int unused);
     /// Machine probe for osName, lang and resolution (the class's table); returns true. On Linux
     /// it sets what it can read and leaves the rest; on macOS it leaves all three.
     virtual bool get_os_info(QString& osName, QString& lang, QString& resolution);
@@ -457,17 +449,17 @@ public:
     /// A stub here: leaves both lists and returns true.
     bool get_gpu_info_vista(QStringList& models, QStringList& memSizes);
 
-    int enableGuide = 0;  ///< The last guide option a builder got; "enableGuide" is "yes" when 1.
+    int enableGuide = 0;       ///< The last guide option a builder got; "enableGuide" is "yes" when 1.
     QSettings systemSettings;  ///< A private copy of "./res/system.ini" (keys above), kept up to date.
-    QString spareText3;  ///< Unused; keeps the layout.
-    bool spareFlag = true;  ///< Unused; keeps the layout.
-    QString usageFilePath;  ///< The run's usage record file; empty until create_usage_inifo().
-    QJsonObject usageRecord;  ///< The run's usage record as last built.
+    QString spareText3;        ///< Unused; keeps the layout.
+    bool spareFlag = true;     ///< Unused; keeps the layout.
+    QString usageFilePath;     ///< The run's usage record file; empty until create_usage_inifo().
+    QJsonObject usageRecord;   ///< The run's usage record as last built.
     /// Release record-upload URL: from set_upload_url(), or "./url_config.ini" once read.
     QString releaseUploadUrl;
-    QString testUploadUrl;  ///< Test record-upload URL, from set_upload_url(); empty: built-in.
+    QString testUploadUrl;         ///< Test record-upload URL, from set_upload_url(); empty: built-in.
     QString releaseFileUploadUrl;  ///< Release file-upload URL, setUploadFileUrl(); empty: built-in.
-    QString testFileUploadUrl;  ///< Test file-upload URL, setUploadFileUrl(); empty: built-in.
+    QString testFileUploadUrl;     ///< Test file-upload URL, setUploadFileUrl(); empty: built-in.
 
 private:
     // Writes the common envelope of every record kind into `record`.

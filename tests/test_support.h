@@ -157,7 +157,9 @@ inline std::unique_ptr<collection::collection_service> start_service(collection:
 inline collection::reply answer(std::string body, int status = 200, std::string type = "application/json")
 {
     collection::reply r;
-    r.status = status; r.content_type = std::move(type); r.body = std::move(body);
+    r.status = status;
+    r.content_type = std::move(type);
+    r.body = std::move(body);
     return r;
 }
 

@@ -20,16 +20,18 @@ static QByteArray exchange(int port, bool tls, const QByteArray& request)
     tls ? socket.connectToHostEncrypted("127.0.0.1", quint16(port)) : socket.connectToHost("127.0.0.1", quint16(port));
     tls ? socket.waitForEncrypted(2000) : socket.waitForConnected(2000);
     socket.write(request);
-    while (socket.bytesToWrite() > 0 && socket.waitForBytesWritten(2000)) {}
+    while (socket.bytesToWrite() > 0 && socket.waitForBytesWritten(2000)) {
+    }
     ::shutdown(int(socket.socketDescriptor()), SHUT_WR);
-    while (socket.waitForReadyRead(2000)) {}
+    while (socket.waitForReadyRead(2000)) {
+    }
     return socket.readAll();
 }
 
 static QByteArray post(const QByteArray& target, const QByteArray& body, const QByteArray& headers = {})
 {
-    return "POST " + target + " HTTP/1.1\r\nX-Auth-AppID: " + kAppId + "\r\n" + headers + "Content-Length: " +
-           QByteArray::number(body.size()) + "\r\n\r\n" + body;
+    return "POST " + target + " HTTP/1.1\r\nX-Auth-AppID: " + kAppId + "\r\n" + headers +
+           "Content-Length: " + QByteArray::number(body.size()) + "\r\n\r\n" + body;
 }
 
 class tst_collection_service : public QObject {
@@ -47,21 +49,26 @@ void tst_collection_service::request_data()
     // Status, the status the service logged, the files under the data folder but its store (it held
     // a half-written upload), the kinds of the records it kept.
     QTest::addColumn<QString>("expected");
-    const QByteArray big = '{' + QByteArray(4 << 20, ' ') + '}';  // still on its way when refused
+    const QByteArray big = '{' + QByteArray(4 << 20, ' ') + '}';                   // still on its way when refused
     QTest::newRow("type climbing out, over https, slow clients in the handshake")  // a TLS record of 512 bytes
         << true << QByteArray("\x16\x03\x01\x02\x00", 5) << post("/dtta?type=../../../../a/b\\c", "{}")
         << "200 200 ca.pem cert.pem key.pem kept ../../../../a/b\\c";
-    QTest::newRow("a served file, slow clients in the head") << false << QByteArray("POST /dtta HTTP/1.1\r\nX-")
-        << QByteArray("GET /files/setup.bin HTTP/1.1\r\n\r\n") << "200 200 kept";
-    QTest::newRow("file name with folders") << false << QByteArray()
-        << post("/up", "--b\r\nContent-Disposition: form-data; name=\"file\"; filename=\"..\\..\\scan 1.zip\"\r\n\r\n"
-                       "PK\r\n--b--\r\n", "Content-Type: multipart/form-data; boundary=b\r\n")
+    QTest::newRow("a served file, slow clients in the head")
+        << false << QByteArray("POST /dtta HTTP/1.1\r\nX-") << QByteArray("GET /files/setup.bin HTTP/1.1\r\n\r\n")
+        << "200 200 kept";
+    QTest::newRow("file name with folders")
+        << false << QByteArray()
+        << post("/up",
+                "--b\r\nContent-Disposition: form-data; name=\"file\"; filename=\"..\\..\\scan 1.zip\"\r\n\r\n"
+                "PK\r\n--b--\r\n",
+                "Content-Type: multipart/form-data; boundary=b\r\n")
         << "200 200 files/uploads/<sha256> kept";
-    QTest::newRow("body over the limit") << false << QByteArray()
+    QTest::newRow("body over the limit")
+        << false << QByteArray()
         << "POST /dtta?type=big HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n400002\r\n" + big + "\r\n0\r\n\r\n"
         << "413 413 kept";
-    QTest::newRow("body shorter than announced") << false << QByteArray()
-        << QByteArray("POST /dtta HTTP/1.1\r\nContent-Length: 9\r\n\r\n{}") << "400 400 kept";
+    QTest::newRow("body shorter than announced")
+        << false << QByteArray() << QByteArray("POST /dtta HTTP/1.1\r\nContent-Length: 9\r\n\r\n{}") << "400 400 kept";
 }
 
 void tst_collection_service::request()
@@ -89,10 +96,15 @@ void tst_collection_service::request()
         s.write(slow);
     }
     QTimer trickle;  // no single read waits long
-    connect(&trickle, &QTimer::timeout, [&] { for (QTcpSocket& s : clients) s.write("x"); });
+    connect(&trickle, &QTimer::timeout, [&] {
+        for (QTcpSocket& s : clients)
+            s.write("x");
+    });
     trickle.start(500);
-    const auto connected = [&] { return int(std::count_if(clients.begin(), clients.end(), [](const QTcpSocket& s) {
-        return s.state() == QAbstractSocket::ConnectedState; })); };
+    const auto connected = [&] {
+        return int(std::count_if(clients.begin(), clients.end(),
+                                 [](const QTcpSocket& s) { return s.state() == QAbstractSocket::ConnectedState; }));
+    };
     QTRY_COMPARE(connected(), int(clients.size()));
 
     // Slow clients starve nobody: a request starved of a thread would go unanswered until exchange() gives up.

@@ -18,7 +18,10 @@ namespace {
 QByteArray record_body(int i, const QString& serial = "SN-1")
 {
     return QString(R"({"seriaNum":"%1","softwareVer":"2.%2","osSoftExt":{"osName":"Linux","lang":"de"},"n":%3})")
-        .arg(serial).arg(i % 3).arg(i).toUtf8();
+        .arg(serial)
+        .arg(i % 3)
+        .arg(i)
+        .toUtf8();
 }
 
 struct serving {
@@ -96,8 +99,9 @@ private:
     {
         static sqlite3* holder = nullptr;
         if (!database_.isEmpty()) {
-            QCOMPARE(QProcess::execute("pg_ctlcluster", {qEnvironmentVariable("PGVERSION"), "regress",
-                                                         available ? "start" : "stop"}), 0);
+            QCOMPARE(QProcess::execute("pg_ctlcluster",
+                                       {qEnvironmentVariable("PGVERSION"), "regress", available ? "start" : "stop"}),
+                     0);
         } else if (!available) {
             QCOMPARE(sqlite3_open((data + "/" + collector::data_folder::kRecords).toUtf8(), &holder), SQLITE_OK);
             QCOMPARE(sqlite3_exec(holder, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr), SQLITE_OK);
@@ -116,15 +120,15 @@ void tst_collector::faults_data()
 {
     QTest::addColumn<fault>("what");
     QTest::addColumn<QString>("expected");  // the answers in order, then what an export holds
-    QTest::newRow("sent twice, unknown id, no object, too large") << fault::none
-        << "200 success|200 success|200 failed|200 failed|413 failed / kept 1";
+    QTest::newRow("sent twice, unknown id, no object, too large")
+        << fault::none << "200 success|200 success|200 failed|200 failed|413 failed / kept 1";
     QTest::newRow("kill -9 under load: every acknowledged record kept") << fault::kill9 << "lost 0";
-    QTest::newRow("database unavailable mid-run: 503, then recovered") << fault::unavailable
-        << "200 success|503 failed|200 success / kept 2";
-    QTest::newRow("SIGTERM: the request in flight is answered, exit 0") << fault::sigterm
-        << "200 success / exit 0 / kept 1";
-    QTest::newRow("two collectors, one database: each record once") << fault::two_collectors
-        << "200 success x 80 / kept 40";
+    QTest::newRow("database unavailable mid-run: 503, then recovered")
+        << fault::unavailable << "200 success|503 failed|200 success / kept 2";
+    QTest::newRow("SIGTERM: the request in flight is answered, exit 0")
+        << fault::sigterm << "200 success / exit 0 / kept 1";
+    QTest::newRow("two collectors, one database: each record once")
+        << fault::two_collectors << "200 success x 80 / kept 40";
 }
 
 void tst_collector::faults()
@@ -183,9 +187,8 @@ void tst_collector::faults()
         slow.write(body.mid(10));
         QTRY_VERIFY((answer += slow.readAll()).contains("\"success\""));
         QVERIFY(first.process.waitForFinished(10000));
-        outcome = QString("200 success / exit %1 / kept %2")
-                      .arg(first.process.exitCode())
-                      .arg(exported(data.path()).size());
+        outcome =
+            QString("200 success / exit %1 / kept %2").arg(first.process.exitCode()).arg(exported(data.path()).size());
     } else {
         serving second;
         const std::string shared_database = collector::data_folder::default_database(data.path().toStdString());

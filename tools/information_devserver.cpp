@@ -89,8 +89,8 @@ int main(int argc, char** argv)
     const QCommandLineOption host_option("host", "Address to listen on (127.0.0.1).", "host", "127.0.0.1");
     const QCommandLineOption port_option("port", "Port, 1-65535 (default: one the system picks).", "n");
     const QCommandLineOption http_option("http", "Plain HTTP instead of HTTPS.");
-    const QCommandLineOption body_option("max-body-mb", "Largest body accepted, in MiB (64); larger ones get 413.",
-                                         "n", "64");
+    const QCommandLineOption body_option("max-body-mb", "Largest body accepted, in MiB (64); larger ones get 413.", "n",
+                                         "64");
     const QCommandLineOption list_option("list", "List the accepted records and files in arrival order, then exit.");
     const QCommandLineOption delay_option("delay-ms", "Answer every request this late.", "ms");
     const QCommandLineOption silent_option("silent", "Never answer.");
@@ -123,16 +123,16 @@ int main(int argc, char** argv)
     if (parser.isSet(list_option))
         return list(options.data_dir);
     qulonglong port = 0, max_body_mb = 64, delay_ms = 0;
-    if ((parser.isSet(port_option) && !number(port_option, 1, 65535, port))
-        || !number(body_option, 1, 1 << 20, max_body_mb) || !number(delay_option, 0, 3600000, delay_ms))
+    if ((parser.isSet(port_option) && !number(port_option, 1, 65535, port)) ||
+        !number(body_option, 1, 1 << 20, max_body_mb) || !number(delay_option, 0, 3600000, delay_ms))
         return 2;
     options.host = parser.value(host_option).toStdString();
     options.port = int(port);
     options.tls = !parser.isSet(http_option);
     options.max_body_size = max_body_mb << 20;
     options.store_received = true;  // into the collector's store
-    options.keep_limit = 4096;       // a long-running server keeps only a glimpse of each in memory,
-    options.keep_requests = false;   // and no request once it has been answered and logged
+    options.keep_limit = 4096;      // a long-running server keeps only a glimpse of each in memory,
+    options.keep_requests = false;  // and no request once it has been answered and logged
     options.on_answer = log_answer;
 
     collection::reply misbehaviour;
@@ -169,10 +169,10 @@ int main(int argc, char** argv)
     }
     std::printf("listening on %s\n", service.base_url().c_str());
     if (options.tls)
-        std::printf("trust %s; public-key pin %s\n",
-                    collector::data_folder::path(fs::absolute(service.data_dir()), collector::data_folder::kAuthority)
-                        .c_str(),
-                    service.public_key_pin().c_str());
+        std::printf(
+            "trust %s; public-key pin %s\n",
+            collector::data_folder::path(fs::absolute(service.data_dir()), collector::data_folder::kAuthority).c_str(),
+            service.public_key_pin().c_str());
     std::fflush(stdout);
 
     std::signal(SIGINT, request_stop);

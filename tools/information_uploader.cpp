@@ -52,10 +52,7 @@ const QString kParkedPrefix = ".information_uploader.parked.";
 // The library reads no larger record.
 constexpr qint64 kLargestRecord = 16 << 20;
 
-int records_in_folder()
-{
-    return QDir("veltrainfo").entryList({"*.info2"}, QDir::Files).size();
-}
+int records_in_folder() { return QDir("veltrainfo").entryList({"*.info2"}, QDir::Files).size(); }
 
 // The library reads "remain" and "uploadintval" as ints, and a typo reads as 0: with "remain" 0
 // or less every record is expired before it is sent, with "uploadintval" 0 every record is due.
@@ -66,16 +63,19 @@ void check_system_settings(VeltraInfoMgr* manager, options& opts)
     const QSettings& system = static_cast<windows_information_imp*>(manager)->systemSettings;
     const QVariant remain = system.value("remain");
     if (remain.isValid() && remain.toInt() <= 0) {  // what is not a whole number reads as 0
-        std::fprintf(stderr, "warning: \"remain\" is \"%s\" in ./res/system.ini, not a positive whole "
-                             "number of days; no record expires\n", qPrintable(remain.toString()));
+        std::fprintf(stderr,
+                     "warning: \"remain\" is \"%s\" in ./res/system.ini, not a positive whole "
+                     "number of days; no record expires\n",
+                     qPrintable(remain.toString()));
         opts.expire = false;
     }
     const QVariant interval = system.value("uploadintval", 1);
     bool ok = true;
     opts.due_after_days = interval.toInt(&ok);
     if (!ok)
-        std::fprintf(stderr, "warning: \"uploadintval\" is \"%s\" in ./res/system.ini, not a whole "
-                             "number of days; it reads as 0, every record is due\n",
+        std::fprintf(stderr,
+                     "warning: \"uploadintval\" is \"%s\" in ./res/system.ini, not a whole "
+                     "number of days; it reads as 0, every record is due\n",
                      qPrintable(interval.toString()));
 }
 
@@ -110,13 +110,14 @@ int claim_record_folder(QLockFile& lock)
     }
     QTemporaryFile probe("veltrainfo/.information_uploader.probe");
     if (!probe.open() || !probe.remove()) {
-        std::fprintf(stderr, "cannot remove records from ./veltrainfo/ (%s); nothing sent, every "
-                             "run would send them again\n", qPrintable(probe.errorString()));
+        std::fprintf(stderr,
+                     "cannot remove records from ./veltrainfo/ (%s); nothing sent, every "
+                     "run would send them again\n",
+                     qPrintable(probe.errorString()));
         return some_failed;
     }
     lock.setStaleLockTime(0);  // only a dead owner's lock is stale: a --watch run holds it for days
-    if (lock.tryLock()
-        || (lock.error() == QLockFile::LockFailedError && remove_nameless_lock(lock) && lock.tryLock()))
+    if (lock.tryLock() || (lock.error() == QLockFile::LockFailedError && remove_nameless_lock(lock) && lock.tryLock()))
         return 0;
     if (lock.error() != QLockFile::LockFailedError) {
         std::fprintf(stderr, "cannot create the lock in ./veltrainfo/; nothing sent\n");
@@ -125,14 +126,16 @@ int claim_record_folder(QLockFile& lock)
     qint64 pid = 0;
     QString host, app;
     if (lock.getLockInfo(&pid, &host, &app)) {
-        std::fprintf(stderr, "./veltrainfo/ is in use by %s (pid %lld on %s); nothing sent\n",
-                     qPrintable(app), pid, qPrintable(host));
+        std::fprintf(stderr, "./veltrainfo/ is in use by %s (pid %lld on %s); nothing sent\n", qPrintable(app), pid,
+                     qPrintable(host));
         return busy;
     }
     const QFileInfo in_place(kLockPath);
     if (in_place.isDir() && !in_place.isSymLink()) {  // a folder is not removed with what it holds
-        std::fprintf(stderr, "%s is a folder that is not empty, not a lock; remove it to let uploads "
-                             "run; nothing sent\n", qPrintable(kLockPath));
+        std::fprintf(stderr,
+                     "%s is a folder that is not empty, not a lock; remove it to let uploads "
+                     "run; nothing sent\n",
+                     qPrintable(kLockPath));
         return some_failed;
     }
     std::fprintf(stderr, "./veltrainfo/ is in use by another information_uploader; nothing sent\n");
@@ -159,9 +162,9 @@ bool put_back(QFile& parked, const QString& file)
 {
     const QFileInfo name(file);
     for (int n = 0; n < 1000; ++n) {
-        const QString target = n == 0 ? file
-                                      : name.path() + "/" + name.completeBaseName() + "-" + QString::number(n) + "."
-                                            + name.suffix();
+        const QString target =
+            n == 0 ? file
+                   : name.path() + "/" + name.completeBaseName() + "-" + QString::number(n) + "." + name.suffix();
         if (parked.rename(target))
             return true;
         if (!QFileInfo::exists(target))
@@ -190,8 +193,8 @@ bool read_record(VeltraInfoMgr* manager, const QString& file, QByteArray& bytes,
     if (!QFileInfo(file).isFile() || !record.open(QIODevice::ReadOnly))  // a FIFO would block
         return false;
     bytes = record.read(kLargestRecord + 1);
-    return copy.open() && copy.write(bytes) == bytes.size() && copy.flush()
-           && manager->get_scan_info(copy.fileName(), data, type) == 0 && !type.isEmpty();
+    return copy.open() && copy.write(bytes) == bytes.size() && copy.flush() &&
+           manager->get_scan_info(copy.fileName(), data, type) == 0 && !type.isEmpty();
 }
 
 enum class removal { removed, changed, failed };
@@ -225,11 +228,10 @@ class upload_round : public QObject {
 public:
     upload_round(VeltraInfoMgr* manager, const options& opts, QString url, QString app_id,
                  std::function<void(int)> done)
-        : manager_(manager), opts_(opts), url_(std::move(url)), app_id_(std::move(app_id)),
-          done_(std::move(done)), sink_(this, [this](int id, const response_info_t& info) { on_report(id, info); }),
+        : manager_(manager), opts_(opts), url_(std::move(url)), app_id_(std::move(app_id)), done_(std::move(done)),
+          sink_(this, [this](int id, const response_info_t& info) { on_report(id, info); }),
           tty_(isatty(fileno(stdout)))
-    {
-    }
+    {}
 
     void run()
     {
@@ -250,8 +252,7 @@ public:
             for (const QString& file : files) {
                 QString data, type;
                 manager_->get_scan_info(file, data, type);
-                std::printf("due: %s (%s, %d bytes)\n", qPrintable(file), qPrintable(type),
-                            int(data.toUtf8().size()));
+                std::printf("due: %s (%s, %d bytes)\n", qPrintable(file), qPrintable(type), int(data.toUtf8().size()));
             }
             std::printf("%d records due, none sent (dry run)\n", total_);
             done_(all_uploaded);
@@ -270,9 +271,10 @@ private:
             return;
         }
         const QDateTime start = QCoreApplication::instance()->property("start_time").toDateTime();
-        std::fprintf(stderr, "nothing due: %d records younger than %d \"uploadintval\" day(s) counted "
-                             "from start_time %s\n", records, opts_.due_after_days,
-                     qPrintable(start.toString("yyyy-MM-dd hh:mm")));
+        std::fprintf(stderr,
+                     "nothing due: %d records younger than %d \"uploadintval\" day(s) counted "
+                     "from start_time %s\n",
+                     records, opts_.due_after_days, qPrintable(start.toString("yyyy-MM-dd hh:mm")));
     }
 
     void fill()
@@ -307,13 +309,14 @@ private:
         if (removed != removal::failed) {
             ++uploaded_;
             if (removed == removal::changed)
-                std::fprintf(stderr, "%s changed while it was sent: the new version stays for the "
-                                     "next run\n", qPrintable(file));
+                std::fprintf(stderr,
+                             "%s changed while it was sent: the new version stays for the "
+                             "next run\n",
+                             qPrintable(file));
         } else if (info.ok) {
             fail(file, "uploaded, but not removed (" + error + "); the next run sends it again");
         } else {
-            fail(file, info.msg.isEmpty() ? QStringLiteral("network error %1").arg(info.net_error)
-                                          : info.msg);
+            fail(file, info.msg.isEmpty() ? QStringLiteral("network error %1").arg(info.net_error) : info.msg);
         }
         show_progress();
         fill();
@@ -344,12 +347,11 @@ private:
         if (tty_ && total_ > 0)
             std::printf("\n");
         const int left = records_in_folder();
-        std::printf("uploaded %d of %d due records, %d failed; %d records left in ./veltrainfo/\n",
-                    uploaded_, total_, failed_, left);
+        std::printf("uploaded %d of %d due records, %d failed; %d records left in ./veltrainfo/\n", uploaded_, total_,
+                    failed_, left);
         std::fflush(stdout);
         if (failed_ > 0)
-            std::fprintf(stderr, "%d records not uploaded; first failure: %s\n", failed_,
-                         qPrintable(first_failure_));
+            std::fprintf(stderr, "%d records not uploaded; first failure: %s\n", failed_, qPrintable(first_failure_));
         done_(failed_ > 0 ? some_failed : all_uploaded);
     }
 
@@ -388,13 +390,17 @@ bool parse(const QCoreApplication& app, options& opts, QString& dir)
     const QCommandLineOption dry_option("dry-run", "List the due records, send nothing.");
     const QCommandLineOption force_option("force", "Upload even when \"enable\" is 0.");
     const QCommandLineOption watch_option("watch", "Repeat every \"time_intval\" seconds.");
-    const QCommandLineOption ca_option("ca-file", "Verify the service: its certificate chain must lead to one "
+    const QCommandLineOption ca_option("ca-file",
+                                       "Verify the service: its certificate chain must lead to one "
                                        "in FILE (PEM) and name its host. Without it, no certificate "
-                                       "is checked.", "file");
-    const QCommandLineOption pin_option("pin", "With --ca-file: the service's public key must also have this "
-                                        "SHA-256 (base64 of its SubjectPublicKeyInfo); repeatable.", "sha256");
-    parser.addOptions({dir_option, url_option, timeout_option, dry_option, force_option, watch_option,
-                       ca_option, pin_option});
+                                       "is checked.",
+                                       "file");
+    const QCommandLineOption pin_option("pin",
+                                        "With --ca-file: the service's public key must also have this "
+                                        "SHA-256 (base64 of its SubjectPublicKeyInfo); repeatable.",
+                                        "sha256");
+    parser.addOptions(
+        {dir_option, url_option, timeout_option, dry_option, force_option, watch_option, ca_option, pin_option});
     if (!parser.parse(app.arguments())) {
         std::fprintf(stderr, "%s\n", qPrintable(parser.errorText()));
         return false;
@@ -478,8 +484,8 @@ int main(int argc, char** argv)
             if (opts.watch && !opts.dry_run)
                 repeat.start(qMax(1, interval) * 1000);
             else
-                QMetaObject::invokeMethod(&app, [code] { QCoreApplication::exit(code); },
-                                          Qt::QueuedConnection);
+                QMetaObject::invokeMethod(
+                    &app, [code] { QCoreApplication::exit(code); }, Qt::QueuedConnection);
         });
         round->run();
     };

@@ -71,17 +71,20 @@ int enable_on_disk()
 QString describe_download_failure(int code, int net_error)
 {
     switch (code) {
-    case 9: return QObject::tr("the file does not match its SHA-256 and was discarded");
-    case 8: return QObject::tr("the file could not be written");
-    case 6: return QObject::tr("the server stopped sending");
-    default: return QObject::tr("network or HTTP error %1").arg(net_error);
+    case 9:
+        return QObject::tr("the file does not match its SHA-256 and was discarded");
+    case 8:
+        return QObject::tr("the file could not be written");
+    case 6:
+        return QObject::tr("the server stopped sending");
+    default:
+        return QObject::tr("network or HTTP error %1").arg(net_error);
     }
 }
 
 }  // namespace
 
-host_window::host_window(information_api::VeltraInfoMgr* manager, service_locations services,
-                         QWidget* parent)
+host_window::host_window(information_api::VeltraInfoMgr* manager, service_locations services, QWidget* parent)
     : QMainWindow(parent), manager_(manager), services_(std::move(services))
 {
     setWindowTitle(tr("Example Scan"));
@@ -230,7 +233,8 @@ void host_window::set_consent(bool on)
         consent_->setChecked(saved_on);  // what the next start will do
         records_waiting_.clear();
         log(tr("Your choice could not be saved in ./res/system.ini, which still has usage statistics "
-               "%1; nothing is sent").arg(saved_on ? tr("on") : tr("off")));
+               "%1; nothing is sent")
+                .arg(saved_on ? tr("on") : tr("off")));
         return;
     }
     log(on ? tr("Usage statistics on") : tr("Usage statistics off: nothing more is sent"));
@@ -246,7 +250,7 @@ void host_window::upload_due_records()
     QString url, app_id, extra;
     manager_->get_upload_config(enable, interval, url, app_id, extra);
     if (enable == 0)
-        return;  // without the user's consent no record leaves the machine
+        return;                      // without the user's consent no record leaves the machine
     manager_->clear_timeout_file();  // records older than "remain" days are dropped unsent
     // This run's usage record is still open: information_clean() rewrites it with the run's end,
     // so sent now it would reach the service twice. It goes at a later start.
@@ -323,11 +327,10 @@ void host_window::record_calibration()
 {
     device d;
     QString start = minutes_ago(5), end = utc_now();
-    QStringList step_modules{d.module}, module_profiles{"tt-01.ple"}, step_classes{"plate"},
-        step_starts{start}, step_ends{end}, step_results{"ok"};
-    manager_->create_calibrate_inifo(step_modules, d.software_version, d.profile, d.model, d.module,
-                                     module_profiles, start, end, step_classes, step_starts,
-                                     step_ends, step_results, 0);
+    QStringList step_modules{d.module}, module_profiles{"tt-01.ple"}, step_classes{"plate"}, step_starts{start},
+        step_ends{end}, step_results{"ok"};
+    manager_->create_calibrate_inifo(step_modules, d.software_version, d.profile, d.model, d.module, module_profiles,
+                                     start, end, step_classes, step_starts, step_ends, step_results, 0);
     log(tr("Calibration recorded"));
 }
 
@@ -342,11 +345,9 @@ void host_window::record_share()
 void host_window::record_score()
 {
     device d;
-    const QString path = manager_->add_user_score(QString::number(score_->value()), d.profile,
-                                                  d.software_version, d.model, d.module, "design", 0);
-    log(tr("Rated %1 of 10 (%2; scores stay on this machine)")
-            .arg(score_->value())
-            .arg(QFileInfo(path).fileName()));
+    const QString path = manager_->add_user_score(QString::number(score_->value()), d.profile, d.software_version,
+                                                  d.model, d.module, "design", 0);
+    log(tr("Rated %1 of 10 (%2; scores stay on this machine)").arg(score_->value()).arg(QFileInfo(path).fileName()));
 }
 
 void host_window::send_feedback()
@@ -382,9 +383,8 @@ void host_window::write_feedback(QStringList attachment_ids)
     device d;
     QStringList module_profiles;
     QString email = feedback_email_->text(), industry = "design", content = feedback_text_->text();
-    const QString path = manager_->create_userfeedback_info(d.profile, d.software_version, d.model, d.module,
-                                                            module_profiles, 0, email, industry, content,
-                                                            attachment_ids);
+    const QString path = manager_->create_userfeedback_info(
+        d.profile, d.software_version, d.model, d.module, module_profiles, 0, email, industry, content, attachment_ids);
     feedback_text_->clear();
     attachment_->clear();
     log(tr("Feedback recorded (%1)").arg(QFileInfo(path).fileName()));

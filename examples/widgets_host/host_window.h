@@ -38,8 +38,7 @@ class host_window : public QMainWindow {
 public:
     // `manager` is the one information_init() returned: the library owns it. Call
     // information_clean() before the window goes, since the window holds the sink.
-    host_window(information_api::VeltraInfoMgr* manager, service_locations services,
-                QWidget* parent = nullptr);
+    host_window(information_api::VeltraInfoMgr* manager, service_locations services, QWidget* parent = nullptr);
 
 private:
     using final_report_handler = std::function<void(const information_api::response_info_t&)>;

@@ -54,21 +54,29 @@ struct machine {
     int unplugged = 0;  // the last displays, gone between a count and a list; -1: the window server, failing the list
     values sysctls;     // a missing name fails with ENOENT
     std::vector<registry_entry> registry;
-    std::vector<unsigned> vmPages;  // free, active, inactive, wire; none: host_statistics64 fails
-    unsigned pageSize = 16384;      // 0: host_page_size fails
+    std::vector<unsigned> vmPages;            // free, active, inactive, wire; none: host_statistics64 fails
+    unsigned pageSize = 16384;                // 0: host_page_size fails
     std::optional<value> preferredLanguages;  // an array; none: CFLocaleCopyPreferredLanguages returns NULL
 };
 
 // The machine the fakes answer from, defined where its displays' type is complete. Only the test thread sets it, before
 // it starts the pool threads that read it.
 extern machine installed;
-inline const display& shown(uint32_t id);  // the display of that id, or std::out_of_range
+inline const display& shown(uint32_t id);          // the display of that id, or std::out_of_range
 inline thread_local int unreleased = 0;            // objects handed out on this thread and not released yet
 inline thread_local std::vector<value> ioObjects;  // an IOKit handle is its index + 1; a released one has no kind
 
 // A new object, for the caller to release, and the release of one.
-template <typename Ref> Ref create(value v) { ++unreleased; return reinterpret_cast<Ref>(new value(std::move(v))); }
-inline value* release(value& v) { --unreleased; return &v; }
+template <typename Ref> Ref create(value v)
+{
+    ++unreleased;
+    return reinterpret_cast<Ref>(new value(std::move(v)));
+}
+inline value* release(value& v)
+{
+    --unreleased;
+    return &v;
+}
 
 inline unsigned createIO(value v, bool owned = true)  // a port that is only lent is not to be released
 {

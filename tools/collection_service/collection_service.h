@@ -32,7 +32,7 @@ struct received_request {
     std::string target;  // path and query exactly as on the request line: "/dtta?type=usage"
     std::string path;    // the target up to its first '?'
     std::vector<std::pair<std::string, std::string>> headers;  // in the order received
-    std::string body;        // the body's bytes (kept up to service_options::keep_limit)
+    std::string body;  // the body's bytes (kept up to service_options::keep_limit)
     std::uint64_t body_size = 0;
     std::vector<received_part> parts;  // filled for multipart/form-data bodies
     std::chrono::steady_clock::time_point at;
@@ -50,10 +50,10 @@ struct reply {
     std::string content_type = "application/json";
     std::string body;
     std::vector<std::pair<std::string, std::string>> headers;  // extra response headers
-    std::chrono::milliseconds delay{0};  // wait this long before answering
-    bool silent = false;        // accept the request and never answer (until release_silent/stop)
-    bool reset_midway = false;  // send the headers and half the body, then reset the connection
-    std::size_t chunk_size = 0; // > 0: send the body in chunks of this size, flushed one by one
+    std::chrono::milliseconds delay{0};                        // wait this long before answering
+    bool silent = false;                       // accept the request and never answer (until release_silent/stop)
+    bool reset_midway = false;                 // send the headers and half the body, then reset the connection
+    std::size_t chunk_size = 0;                // > 0: send the body in chunks of this size, flushed one by one
     std::chrono::milliseconds chunk_pause{0};  // pause between chunks
 };
 
@@ -64,7 +64,7 @@ struct service_options {
     // whose certificate is data_dir/ca.pem, for clients to trust; or it is self-signed.
     bool self_signed = false;
     std::string host = "127.0.0.1";
-    int port = 0;             // 0: the system picks one
+    int port = 0;  // 0: the system picks one
     // Holds cert.pem, key.pem and ca.pem (created on first start, reused after) and the files served:
     // data_dir/software/<name>/interface.json and data_dir/files/<path> (installers), and what
     // store_received keeps. Empty: a private temporary directory removed with the service.
@@ -104,14 +104,14 @@ public:
     void stop();                       // ends silent requests, stops serving, joins; idempotent
     const std::string& error() const;  // why start() failed
     int port() const;
-    std::string base_url() const;      // "https://127.0.0.1:<port>" (http:// without TLS)
+    std::string base_url() const;  // "https://127.0.0.1:<port>" (http:// without TLS)
     const std::string& data_dir() const;
     // The SHA-256 of the server's public key (SubjectPublicKeyInfo), base64: what a client pins.
     std::string public_key_pin() const;
 
-    void set_script(script s);           // replaces the previous script; empty: real behaviour
-    void answer_all(const reply& r);     // every request gets r
-    void release_silent();               // silent requests end now: the connection is closed
+    void set_script(script s);        // replaces the previous script; empty: real behaviour
+    void answer_all(const reply& r);  // every request gets r
+    void release_silent();            // silent requests end now: the connection is closed
 
     std::vector<received_request> received() const;
     std::size_t received_count() const;

@@ -74,10 +74,10 @@ bool create_certificates(const std::string& dir, bool self_signed)
 {
     EVP_PKEY* key = EVP_EC_gen("P-256");
     EVP_PKEY* authority_key = self_signed ? nullptr : EVP_EC_gen("P-256");
-    X509* authority = self_signed || !authority_key
-                          ? nullptr
-                          : issue_certificate(authority_key, "information_api local authority", nullptr,
-                                              authority_key, true);
+    X509* authority =
+        self_signed || !authority_key
+            ? nullptr
+            : issue_certificate(authority_key, "information_api local authority", nullptr, authority_key, true);
     X509* cert = !key || (!self_signed && !authority)
                      ? nullptr
                      : issue_certificate(key, "127.0.0.1", authority, self_signed ? key : authority_key, false);
@@ -121,8 +121,8 @@ bool ensure_local_certificates(const std::string& dir, bool self_signed, std::st
 {
     std::error_code ec;
     const auto present = [&](const char* name) { return fs::exists(data_folder::path(dir, name), ec); };
-    if (present(data_folder::kCertificate) && present(data_folder::kKey)
-        && (self_signed || present(data_folder::kAuthority)))
+    if (present(data_folder::kCertificate) && present(data_folder::kKey) &&
+        (self_signed || present(data_folder::kAuthority)))
         return true;
     if (create_certificates(dir, self_signed))
         return true;

@@ -118,8 +118,9 @@ std::vector<daily_count> sqlite_daily_counts(sqlite3* db, const std::string& fir
     // IMMEDIATE: no write comes between the fold and the emptying of the pending rows. Only when
     // there is something to fold: a commit costs a disk flush.
     if (pending)
-        sqlite_exec(db, "BEGIN IMMEDIATE; INSERT INTO daily_counts SELECT * FROM (" + pending_counts("daily_counts_pending") +
-                            ") WHERE true" + kFoldConflict + "; DELETE FROM daily_counts_pending; COMMIT");
+        sqlite_exec(db, "BEGIN IMMEDIATE; INSERT INTO daily_counts SELECT * FROM (" +
+                            pending_counts("daily_counts_pending") + ") WHERE true" + kFoldConflict +
+                            "; DELETE FROM daily_counts_pending; COMMIT");
     const char* sql = "SELECT day, dimension, value, n FROM daily_counts WHERE day BETWEEN ?1 AND ?2 AND n > 0";
     if (sqlite3_prepare_v2(db, sql, -1, &stmt, nullptr) != SQLITE_OK)
         throw store_error(std::string("SQLite: ") + sqlite3_errmsg(db));
@@ -169,10 +170,12 @@ std::vector<daily_count> postgres_daily_counts(PGconn* conn, const std::string& 
     PQclear(run(conn, "BEGIN"));
     PQclear(run(conn, "SELECT pg_advisory_xact_lock(7215393)"));
     PQclear(run(conn, ("WITH moved AS (DELETE FROM daily_counts_pending RETURNING *) INSERT INTO daily_counts " +
-                       pending_counts("moved") + kFoldConflict).c_str()));
+                       pending_counts("moved") + kFoldConflict)
+                          .c_str()));
     PQclear(run(conn, "COMMIT"));
-    PGresult* r = run(conn, "SELECT to_char(day, 'YYYY-MM-DD'), dimension, value, n FROM daily_counts "
-                            "WHERE day BETWEEN $1::date AND $2::date AND n > 0",
+    PGresult* r = run(conn,
+                      "SELECT to_char(day, 'YYYY-MM-DD'), dimension, value, n FROM daily_counts "
+                      "WHERE day BETWEEN $1::date AND $2::date AND n > 0",
                       {first_day.c_str(), last_day.c_str()});
     std::vector<daily_count> rows;
     for (int i = 0; i < PQntuples(r); ++i) {
@@ -209,7 +212,8 @@ bool sqlite_find_attachment(sqlite3* db, const std::string& dfs_id, new_attachme
 
 bool postgres_find_attachment(PGconn* conn, const std::string& dfs_id, new_attachment& out)
 {
-    PGresult* r = run(conn, "SELECT app_id, filename, sha256, size FROM attachments WHERE dfs_id = $1", {dfs_id.c_str()});
+    PGresult* r =
+        run(conn, "SELECT app_id, filename, sha256, size FROM attachments WHERE dfs_id = $1", {dfs_id.c_str()});
     const bool found = PQntuples(r) > 0;
     if (found)
         out = {dfs_id, PQgetvalue(r, 0, 0), PQgetvalue(r, 0, 1), PQgetvalue(r, 0, 2),

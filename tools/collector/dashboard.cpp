@@ -113,10 +113,7 @@ bool parse_day(const std::string& text, long& day)
     return civil_from_days(day) == text;
 }
 
-long today()
-{
-    return long(std::time(nullptr) / 86400);
-}
+long today() { return long(std::time(nullptr) / 86400); }
 
 // A bound of the period: a day ("YYYY-MM-DD"; `until` then includes the whole day) or a moment
 // ("YYYY-MM-DDThh:mm:ssZ"), as the store compares them.
@@ -134,10 +131,7 @@ bool parse_bound(const std::string& text, bool until, std::string& out)
     return true;
 }
 
-QString qs(const std::string& s)
-{
-    return QString::fromStdString(s);
-}
+QString qs(const std::string& s) { return QString::fromStdString(s); }
 
 std::string json(const QJsonObject& object)
 {
@@ -213,7 +207,9 @@ dashboard::reply dashboard::route(exchange& ex)
     const bool open = path == "/login" || path.rfind("/static/", 0) == 0;  // no records in these
     if (!open && !authorised(request)) {
         if (path.rfind("/api/", 0) == 0)
-            return {401, "application/json", json({{"error", "the dashboard token is needed"}}),
+            return {401,
+                    "application/json",
+                    json({{"error", "the dashboard token is needed"}}),
                     {{"WWW-Authenticate", "Bearer"}}};
         return {303, "text/plain; charset=utf-8", "sign in first\n", {{"Location", "/login"}}};
     }
@@ -324,9 +320,15 @@ dashboard::reply dashboard::summary(const std::string& query)
                                {"until", qs(civil_from_days(first - 1))},
                                {"total", double(previous_total)},
                                {"kinds", object(previous_kinds)}};
-    return {200, "application/json",
-            json({{"since", qs(first_day)}, {"until", qs(civil_from_days(last))}, {"total", double(total)},
-                  {"kinds", object(kinds)}, {"days", day_list}, {"top", top}, {"previous", previous}}),
+    return {200,
+            "application/json",
+            json({{"since", qs(first_day)},
+                  {"until", qs(civil_from_days(last))},
+                  {"total", double(total)},
+                  {"kinds", object(kinds)},
+                  {"days", day_list},
+                  {"top", top},
+                  {"previous", previous}}),
             {}};
 }
 
@@ -356,8 +358,11 @@ dashboard::reply dashboard::records(const std::string& query)
                                 {"body", qs(r.body)}});
         return true;
     });
-    return {200, "application/json",
-            json({{"total", double(store_.count(filter))}, {"limit", double(limit)}, {"offset", double(offset)},
+    return {200,
+            "application/json",
+            json({{"total", double(store_.count(filter))},
+                  {"limit", double(limit)},
+                  {"offset", double(offset)},
                   {"records", list}}),
             {}};
 }
@@ -415,7 +420,9 @@ dashboard::reply dashboard::attachment(const std::string& dfs_id)
     std::string name;
     for (const char c : found.filename)
         name += std::isalnum(static_cast<unsigned char>(c)) || c == '.' || c == '_' || c == '-' ? c : '_';
-    return {200, "application/octet-stream", std::string(std::istreambuf_iterator<char>(file), {}),
+    return {200,
+            "application/octet-stream",
+            std::string(std::istreambuf_iterator<char>(file), {}),
             {{"Content-Disposition", "attachment; filename=\"" + (name.empty() ? "attachment" : name) + "\""}}};
 }
 
@@ -437,7 +444,9 @@ dashboard::reply dashboard::login(exchange& ex)
         page.open(QIODevice::ReadOnly);
         return {401, "text/html; charset=utf-8", page.readAll().toStdString(), {}};
     }
-    return {303, "text/plain; charset=utf-8", "signed in\n",
+    return {303,
+            "text/plain; charset=utf-8",
+            "signed in\n",
             {{"Location", "/"},
              {"Set-Cookie", std::string(kCookie) + "=" + token + "; Path=/; HttpOnly; SameSite=Strict" +
                                 (options_.tls ? "; Secure" : "")}}};
@@ -512,8 +521,7 @@ std::string dashboard_token(const std::string& data_dir, std::string& error)
 dashboard_listener::dashboard_listener(record_store& store, const std::string& data_dir,
                                        std::shared_ptr<boost::asio::ssl::context> tls)
     : data_dir_(data_dir), tls_(std::move(tls)), store_(store)
-{
-}
+{}
 
 bool dashboard_listener::start(const std::string& address, std::string& error)
 {

@@ -17,7 +17,7 @@ struct dashboard_options {
     // `token`, as "Authorization: Bearer <token>" or the cookie the sign-in sets.
     bool require_token = false;
     std::string token;
-    bool tls = false;  // the cookie is then marked Secure
+    bool tls = false;                                                      // the cookie is then marked Secure
     std::string chart_js = "/usr/share/javascript/chart.js/chart.min.js";  // Debian's libjs-chart.js
 };
 

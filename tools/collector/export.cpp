@@ -69,9 +69,9 @@ void export_records(record_store& store, const record_filter& filter, export_for
                                              &r.start_on, &r.lang, &r.body})
                 line += "," + csv_field(one_line(*field));
         } else {
-            line = R"({"id":)" + line + R"("received_at":")" + r.received_at + R"(","app_id":)" + json_string(r.app_id) +
-                   R"(,"kind":)" + json_string(r.kind) + R"(,"sha256":")" + r.sha256 + R"(","record":)" +
-                   one_line(r.body) + "}";
+            line = R"({"id":)" + line + R"("received_at":")" + r.received_at + R"(","app_id":)" +
+                   json_string(r.app_id) + R"(,"kind":)" + json_string(r.kind) + R"(,"sha256":")" + r.sha256 +
+                   R"(","record":)" + one_line(r.body) + "}";
         }
         return out(line + "\n");
     });

@@ -252,8 +252,10 @@ int main(int argc, char** argv)
         {"data-dir", "Data folder (collector-data).", "dir", "collector-data"},
         {"database", "sqlite:PATH or postgresql://... (default: sqlite:DIR/records.sqlite3).", "url"},
         {"listen", "serve: address and port (127.0.0.1:0, a free port).", "addr:port", "127.0.0.1:0"},
-        {"dashboard", "serve: the dashboard's address and port (127.0.0.1:0); off loopback every request "
-                      "needs the token in DIR/dashboard.token.", "addr:port", "127.0.0.1:0"},
+        {"dashboard",
+         "serve: the dashboard's address and port (127.0.0.1:0); off loopback every request "
+         "needs the token in DIR/dashboard.token.",
+         "addr:port", "127.0.0.1:0"},
         {"tls-cert", "serve: the certificate chain (PEM) instead of the local authority's.", "pem"},
         {"tls-key", "serve: its private key (PEM).", "pem"},
         {"app-id", "serve: an accepted application id, repeatable (default: the library's two).", "id"},
@@ -278,8 +280,8 @@ int main(int argc, char** argv)
         usage_error("name one command: serve, export, delete, purge or stats (see --help)");
     const QString command = positional.first();
     const std::map<QString, QStringList> allowed = {
-        {"serve", {"listen", "dashboard", "tls-cert", "tls-key", "app-id", "retention-days", "max-body-mb",
-                   "max-connections"}},
+        {"serve",
+         {"listen", "dashboard", "tls-cert", "tls-key", "app-id", "retention-days", "max-body-mb", "max-connections"}},
         {"export", {"kind", "since", "until", "format"}},
         {"delete", {"serial"}},
         {"purge", {"older-than-days"}},
@@ -363,9 +365,9 @@ int main(int argc, char** argv)
                         old.until.c_str());
         } else {  // stats
             std::printf("records: %lld\n", static_cast<long long>(store->count(filter)));
-            for (const auto& [title, by] : {std::make_pair("kind", dimension::kind),
-                                            std::make_pair("version", dimension::version),
-                                            std::make_pair("day", dimension::day)}) {
+            for (const auto& [title, by] :
+                 {std::make_pair("kind", dimension::kind), std::make_pair("version", dimension::version),
+                  std::make_pair("day", dimension::day)}) {
                 std::printf("by %s:\n", title);
                 auto rows = store->counts(filter, {by});
                 if (by == dimension::day)  // days in order, the others largest first

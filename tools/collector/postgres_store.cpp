@@ -92,8 +92,8 @@ public:
         for (const std::string& p : params)
             values.push_back(p.c_str());
         result r(values.empty() ? PQexec(conn_, sql.c_str())  // several statements allowed
-                                : PQexecParams(conn_, sql.c_str(), int(values.size()), nullptr, values.data(),
-                                               nullptr, nullptr, 0));
+                                : PQexecParams(conn_, sql.c_str(), int(values.size()), nullptr, values.data(), nullptr,
+                                               nullptr, 0));
         check(r);
         return r;
     }
@@ -162,8 +162,8 @@ public:
             std::string("SELECT id, to_char(received_at AT TIME ZONE 'UTC', 'YYYY-MM-DD\"T\"HH24:MI:SS\"Z\"'), app_id, "
                         "kind, sha256, body::text, software_name, software_ver, model_name, os_name, serial, "
                         "start_on, lang FROM records") +
-            where(filter, params) + " ORDER BY id" + (limit > 0 ? " LIMIT " + std::to_string(limit) : "") +
-            " OFFSET " + std::to_string(offset);
+            where(filter, params) + " ORDER BY id" + (limit > 0 ? " LIMIT " + std::to_string(limit) : "") + " OFFSET " +
+            std::to_string(offset);
         std::vector<const char*> values;
         for (const std::string& p : params)
             values.push_back(p.c_str());
@@ -183,8 +183,9 @@ public:
             for (int row = 0; wanted && row < PQntuples(raw); ++row) {
                 stored_record s;
                 s.id = std::stoll(r.text(row, 0));
-                std::string* fields[] = {&s.received_at, &s.app_id, &s.kind, &s.sha256, &s.body, &s.software_name,
-                                         &s.software_ver, &s.model_name, &s.os_name, &s.serial, &s.start_on, &s.lang};
+                std::string* fields[] = {&s.received_at, &s.app_id,        &s.kind,         &s.sha256,
+                                         &s.body,        &s.software_name, &s.software_ver, &s.model_name,
+                                         &s.os_name,     &s.serial,        &s.start_on,     &s.lang};
                 for (int i = 0; i < 12; ++i)
                     *fields[i] = r.text(row, i + 1);
                 wanted = each(s);
@@ -309,9 +310,9 @@ private:
             for (const item& i : items) {
                 if (i.record) {
                     const new_record& r = *i.record;
-                    writer_.run_prepared("record", {&r.app_id, &r.kind, &r.body, &r.sha256, &r.software_name,
-                                                    &r.software_ver, &r.model_name, &r.os_name, &r.serial,
-                                                    &r.start_on, &r.lang});
+                    writer_.run_prepared("record",
+                                         {&r.app_id, &r.kind, &r.body, &r.sha256, &r.software_name, &r.software_ver,
+                                          &r.model_name, &r.os_name, &r.serial, &r.start_on, &r.lang});
                 } else {
                     const new_attachment& a = *i.attachment;
                     const std::string size = std::to_string(a.size);

@@ -135,8 +135,7 @@ class record_upload final : public protocol::incoming {
 public:
     record_upload(record_store* store, std::string app_id, std::string kind, bool allowed)
         : store_(store), app_id_(std::move(app_id)), kind_(std::move(kind)), allowed_(allowed)
-    {
-    }
+    {}
     void feed(const char* data, std::size_t size) override
     {
         if (allowed_)
@@ -191,10 +190,7 @@ public:
                 spool_->write(data, size);
         };
     }
-    void feed(const char* data, std::size_t size) override
-    {
-        well_formed_ = well_formed_ && reader_.feed(data, size);
-    }
+    void feed(const char* data, std::size_t size) override { well_formed_ = well_formed_ && reader_.feed(data, size); }
     answer finish(exchange::body_state) override
     {
         answer a;
@@ -238,10 +234,7 @@ private:
 
 }  // namespace
 
-std::string failure_body(const std::string& why)
-{
-    return R"({"status":"failed","result":)" + json_text(why) + "}";
-}
+std::string failure_body(const std::string& why) { return R"({"status":"failed","result":)" + json_text(why) + "}"; }
 
 std::string fresh_dfs_id()
 {
@@ -329,7 +322,7 @@ bool multipart_reader::step()
     }
     case state::data: {
         const std::size_t at = pending_.find(delimiter_);
-        const std::size_t take = at != std::string::npos ? at
+        const std::size_t take = at != std::string::npos                ? at
                                  : pending_.size() >= delimiter_.size() ? pending_.size() - delimiter_.size() + 1
                                                                         : 0;
         if (take && on_data)

@@ -41,7 +41,7 @@ private:
 };
 
 struct protocol_options {
-    std::string data_dir;  // files/ and software/ are served from it; uploads are kept in files/uploads/
+    std::string data_dir;              // files/ and software/ are served from it; uploads are kept in files/uploads/
     std::vector<std::string> app_ids;  // accepted in X-Auth-AppID
 };
 

@@ -105,8 +105,8 @@ void exec(sqlite3* db, const std::string& sql)
 sqlite3* connect(const std::string& path)
 {
     sqlite3* db = nullptr;
-    if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
-                        nullptr) != SQLITE_OK) {
+    if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr) !=
+        SQLITE_OK) {
         const std::string why = db ? sqlite3_errmsg(db) : "out of memory";
         sqlite3_close(db);
         throw store_error("cannot open " + path + ": " + why);
@@ -167,8 +167,9 @@ public:
         while (s.step()) {
             stored_record r;
             r.id = s.integer(0);
-            std::string* fields[] = {&r.received_at, &r.app_id, &r.kind, &r.sha256, &r.body, &r.software_name,
-                                     &r.software_ver, &r.model_name, &r.os_name, &r.serial, &r.start_on, &r.lang};
+            std::string* fields[] = {&r.received_at, &r.app_id,        &r.kind,         &r.sha256,
+                                     &r.body,        &r.software_name, &r.software_ver, &r.model_name,
+                                     &r.os_name,     &r.serial,        &r.start_on,     &r.lang};
             for (int i = 0; i < 12; ++i)
                 *fields[i] = s.text(i + 1);
             if (!each(r))
@@ -250,9 +251,9 @@ protected:
                     const new_record& r = *i.record;
                     insert_record_->reset();
                     int n = 0;
-                    for (const std::string* v : {&now, &r.app_id, &r.kind, &r.body, &r.sha256, &r.software_name,
-                                                 &r.software_ver, &r.model_name, &r.os_name, &r.serial, &r.start_on,
-                                                 &r.lang})
+                    for (const std::string* v :
+                         {&now, &r.app_id, &r.kind, &r.body, &r.sha256, &r.software_name, &r.software_ver,
+                          &r.model_name, &r.os_name, &r.serial, &r.start_on, &r.lang})
                         insert_record_->bind(++n, *v);
                     insert_record_->step();
                 } else {

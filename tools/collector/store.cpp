@@ -33,7 +33,8 @@ std::string utc_timestamp(int days_ago)
 bool make_record(const std::string& app_id, const std::string& kind, std::string body, new_record& out)
 {
     QJsonParseError error{};
-    const QJsonDocument document = QJsonDocument::fromJson(QByteArray::fromRawData(body.data(), int(body.size())), &error);
+    const QJsonDocument document =
+        QJsonDocument::fromJson(QByteArray::fromRawData(body.data(), int(body.size())), &error);
     if (error.error != QJsonParseError::NoError || !document.isObject())
         return false;
     const QJsonObject object = document.object();
@@ -159,12 +160,18 @@ std::string where_clause(const record_filter& filter, std::vector<std::string>& 
 std::string dimension_column(dimension d, const std::string& day)
 {
     switch (d) {
-    case dimension::kind: return "kind";
-    case dimension::version: return "software_ver";
-    case dimension::model: return "model_name";
-    case dimension::os: return "os_name";
-    case dimension::lang: return "lang";
-    case dimension::day: return day;
+    case dimension::kind:
+        return "kind";
+    case dimension::version:
+        return "software_ver";
+    case dimension::model:
+        return "model_name";
+    case dimension::os:
+        return "os_name";
+    case dimension::lang:
+        return "lang";
+    case dimension::day:
+        return day;
     }
     return "kind";
 }

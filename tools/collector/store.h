@@ -21,8 +21,8 @@ public:
 // A record as a client sent it, with what the store derives from it for its indexes.
 struct new_record {
     std::string app_id;
-    std::string kind;  // the request's "type"
-    std::string body;  // a JSON object, as received
+    std::string kind;    // the request's "type"
+    std::string body;    // a JSON object, as received
     std::string sha256;  // of body, lowercase hex
     // Taken from the body; empty when absent. "osName" and "lang" live under "osSoftExt".
     std::string software_name, software_ver, model_name, os_name, serial, start_on, lang;

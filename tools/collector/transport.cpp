@@ -46,7 +46,8 @@ std::string http_request::header(const std::string& name) const
 
 int http_request::header_count(const std::string& name) const
 {
-    return int(std::count_if(headers.begin(), headers.end(), [&](const auto& h) { return same_header_name(h.first, name); }));
+    return int(
+        std::count_if(headers.begin(), headers.end(), [&](const auto& h) { return same_header_name(h.first, name); }));
 }
 
 std::string http_request::query(const std::string& key) const
@@ -69,7 +70,8 @@ handler simple_handler(std::function<simple_response(const http_request&, const 
         if (state != exchange::body_state::complete) {
             const bool large = state == exchange::body_state::too_large;
             ex.send(large ? 413 : 400, "application/json",
-                    std::string(R"({"status":"failed","result":")") + (large ? "body too large" : "body incomplete") + "\"}");
+                    std::string(R"({"status":"failed","result":")") + (large ? "body too large" : "body incomplete") +
+                        "\"}");
             return;
         }
         const simple_response r = f(ex.request(), body);
@@ -95,7 +97,7 @@ struct http_server::impl {
     bool stopping = false;
 
     void accept_loop();
-    void work();  // a worker thread: serves the connections handed to it, one at a time
+    void work();                                // a worker thread: serves the connections handed to it, one at a time
     std::deque<std::unique_ptr<live>> waiting;  // accepted, not yet taken up by a worker
     std::vector<std::thread> workers;
     std::size_t idle = 0;
@@ -112,8 +114,7 @@ namespace {
 
 // Runs one asynchronous operation of a connection to its end on the connection's own context:
 // the connection's thread waits, the stream's deadline bounds the wait.
-template <class Initiate>
-beast::error_code run(net::io_context& context, Initiate&& initiate)
+template <class Initiate> beast::error_code run(net::io_context& context, Initiate&& initiate)
 {
     beast::error_code result = net::error::would_block;
     initiate([&result](beast::error_code ec, auto&&...) { result = ec; });
@@ -122,13 +123,11 @@ beast::error_code run(net::io_context& context, Initiate&& initiate)
     return result;
 }
 
-template <class Stream>
-class session final : public exchange {
+template <class Stream> class session final : public exchange {
 public:
     session(http_server::impl& server, net::io_context& context, Stream& stream)
         : server_(server), context_(context), stream_(stream)
-    {
-    }
+    {}
 
     void serve()
     {
@@ -200,8 +199,7 @@ public:
         return body_state::complete;
     }
 
-    bool send(int status, const std::string& content_type, const std::string& body,
-              const header_list& headers) override
+    bool send(int status, const std::string& content_type, const std::string& body, const header_list& headers) override
     {
         std::string whole = head(status, content_type, body.size(), headers) + body;  // one write, one TLS record
         return write(whole.data(), whole.size());
@@ -304,7 +302,7 @@ void http_server::impl::accept_loop()
         accepted->set_option(tcp::no_delay(true), ignored);  // a streamed answer's pieces leave at once
         auto state = std::make_unique<live>();
         state->fd = accepted->release(ignored);  // to a worker's own context
-        sessions.insert(state.get());  // known to stop() from here on
+        sessions.insert(state.get());            // known to stop() from here on
         waiting.push_back(std::move(state));
         ++active;
         if (idle < waiting.size())  // a thread per connection at once, kept for the next ones

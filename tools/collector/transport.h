@@ -22,9 +22,9 @@ using header_list = std::vector<std::pair<std::string, std::string>>;
 
 struct http_request {
     std::string method;
-    std::string target;  // as on the request line: "/dtta?type=usage"
-    std::string path;    // the target up to its first '?'
-    header_list headers; // in the order received
+    std::string target;   // as on the request line: "/dtta?type=usage"
+    std::string path;     // the target up to its first '?'
+    header_list headers;  // in the order received
     // First value of a header, case-insensitive name; empty when absent.
     std::string header(const std::string& name) const;
     int header_count(const std::string& name) const;
@@ -53,7 +53,6 @@ public:
     // otherwise it closes.
     virtual void abort(bool reset) = 0;
     virtual int status() const = 0;  // the status sent; 0 before an answer
-
 };
 
 using handler = std::function<void(exchange&)>;
@@ -70,13 +69,13 @@ handler simple_handler(std::function<simple_response(const http_request&, const 
 
 struct transport_options {
     std::string host = "127.0.0.1";
-    int port = 0;  // 0: the system picks one
+    int port = 0;                                    // 0: the system picks one
     std::shared_ptr<boost::asio::ssl::context> tls;  // null: plain HTTP
     // The whole request (handshake, head and body) must arrive within this time of the
     // connection being taken up; otherwise it is closed unanswered.
     std::chrono::milliseconds request_deadline{30000};
     std::chrono::milliseconds write_timeout{30000};  // for each write of the answer
-    std::size_t max_connections = 1024;  // served at once; the rest wait in the listen queue
+    std::size_t max_connections = 1024;              // served at once; the rest wait in the listen queue
     std::uint64_t body_limit = 64ull << 20;
 };
 

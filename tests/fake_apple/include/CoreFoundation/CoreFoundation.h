@@ -28,14 +28,18 @@ enum CFNumberType : CFIndex { kCFNumberSInt32Type = 3, kCFNumberSInt64Type = 4 }
 inline const CFAllocatorRef kCFAllocatorDefault = nullptr;
 
 // As with the real framework, CFSTR yields a constant string that must never be released: one per use and thread.
-#define CFSTR(cStr) ([] { thread_local fake::value s("" cStr ""); return reinterpret_cast<CFStringRef>(&s); }())
+#define CFSTR(cStr)                                                                                                    \
+    ([] {                                                                                                              \
+        thread_local fake::value s("" cStr "");                                                                        \
+        return reinterpret_cast<CFStringRef>(&s);                                                                      \
+    }())
 
 inline CFTypeID CFGetTypeID(CFTypeRef cf) { return fake::as(cf).type; }
 inline void CFRelease(CFTypeRef cf) { delete fake::release(fake::as(cf)); }
 
 inline CFTypeID CFStringGetTypeID(void) { return fake::cf_string; }
 inline CFIndex CFStringGetLength(CFStringRef s) { return QString::fromStdString(fake::as(s).bytes).size(); }  // UTF-16
-inline CFIndex CFStringGetMaximumSizeForEncoding(CFIndex length, CFStringEncoding) { return length * 3; }  // UTF-8
+inline CFIndex CFStringGetMaximumSizeForEncoding(CFIndex length, CFStringEncoding) { return length * 3; }     // UTF-8
 
 inline Boolean CFStringGetCString(CFStringRef s, char* buffer, CFIndex bufferSize, CFStringEncoding)
 {

@@ -5,9 +5,18 @@
 #include <IOKit/IOKitLib.h>
 
 typedef double CGFloat;
-typedef struct CGPoint { CGFloat x; CGFloat y; } CGPoint;
-typedef struct CGSize { CGFloat width; CGFloat height; } CGSize;
-typedef struct CGRect { CGPoint origin; CGSize size; } CGRect;
+typedef struct CGPoint {
+    CGFloat x;
+    CGFloat y;
+} CGPoint;
+typedef struct CGSize {
+    CGFloat width;
+    CGFloat height;
+} CGSize;
+typedef struct CGRect {
+    CGPoint origin;
+    CGSize size;
+} CGRect;
 
 typedef uint32_t CGDirectDisplayID;
 enum CGError : int32_t { kCGErrorSuccess = 0, kCGErrorInvalidConnection = 1002 };  // CF_ENUM
@@ -17,8 +26,8 @@ struct fake::display {
     iokit io = named;
     std::vector<const char*> names = {};  // by locale, locale and name in turn, the user's preferred last
     bool isMain = false;
-    CGSize millimetres = {};                  // none: unknown, as the framework answers
-    size_t modeWidth[2] = {1920, 1920};       // in points, in pixels
+    CGSize millimetres = {};                 // none: unknown, as the framework answers
+    size_t modeWidth[2] = {1920, 1920};      // in points, in pixels
     CGRect bounds = {{0, 0}, {1920, 1080}};  // in points
     size_t pixelsWide = 1920, pixelsHigh = 1080;
 };
