@@ -180,7 +180,7 @@ void BM_collector_ingest(benchmark::State& state)
         if (!database.isEmpty())
             turns.push_back({"postgresql", &postgres});
         std::rotate(turns.begin(), turns.begin() + (first / kRecords) % turns.size(),
-                    turns.end());  // taking turns at going first
+            turns.end());  // taking turns at going first
         for (auto& [name, s] : turns) {
             const double cpu = cpu_seconds(s->pid());
             int failed = 0;

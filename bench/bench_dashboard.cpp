@@ -66,14 +66,14 @@ void fill(const std::string& path, long n)
 {
     sqlite3* db = nullptr;
     sqlite3_open(path.c_str(), &db);
-    sqlite3_exec(db, "PRAGMA synchronous=FULL; PRAGMA temp_store=MEMORY; BEGIN", nullptr, nullptr,
-                 nullptr);  // as the store
+    sqlite3_exec(
+        db, "PRAGMA synchronous=FULL; PRAGMA temp_store=MEMORY; BEGIN", nullptr, nullptr, nullptr);  // as the store
     sqlite3_stmt* insert = nullptr;
     sqlite3_prepare_v2(db,
-                       "INSERT INTO records (received_at, app_id, kind, body, sha256, software_name, software_ver, "
-                       "model_name, os_name, serial, start_on, lang) VALUES (?1, 'app', ?2, ?3, ?4, 'ExampleScan', "
-                       "?5, ?6, ?7, ?8, '', ?9)",
-                       -1, &insert, nullptr);
+        "INSERT INTO records (received_at, app_id, kind, body, sha256, software_name, software_ver, "
+        "model_name, os_name, serial, start_on, lang) VALUES (?1, 'app', ?2, ?3, ?4, 'ExampleScan', "
+        "?5, ?6, ?7, ?8, '', ?9)",
+        -1, &insert, nullptr);
     std::mt19937 random(42);
     const char* kinds[] = {"usage", "scan", "calibration", "share", "feedback"};
     const char* systems[] = {"Windows 10", "Windows 11", "macOS 14", "macOS 15"};
@@ -86,15 +86,9 @@ void fill(const std::string& path, long n)
         std::tm tm{};
         gmtime_r(&at, &tm);
         std::strftime(when, sizeof when, "%Y-%m-%dT%H:%M:%SZ", &tm);
-        const std::string values[] = {when,
-                                      kinds[random() % 5],
-                                      "{\"n\":" + std::to_string(i) + "}",
-                                      std::to_string(i),
-                                      "2." + std::to_string(random() % 12) + ".0",
-                                      "K" + std::to_string(random() % 8),
-                                      systems[random() % 4],
-                                      "SN-" + std::to_string(random() % 5000),
-                                      langs[random() % 5]};
+        const std::string values[] = {when, kinds[random() % 5], "{\"n\":" + std::to_string(i) + "}", std::to_string(i),
+            "2." + std::to_string(random() % 12) + ".0", "K" + std::to_string(random() % 8), systems[random() % 4],
+            "SN-" + std::to_string(random() % 5000), langs[random() % 5]};
         for (int v = 0; v < 9; ++v)
             sqlite3_bind_text(insert, v + 1, values[v].c_str(), -1, SQLITE_TRANSIENT);
         sqlite3_step(insert);

@@ -53,8 +53,8 @@ double two_names(bool mapped)
     if (!database.open(QIODevice::ReadOnly))
         return std::nan("");
     const QByteArray ids =
-        mapped ? QByteArray::fromRawData(reinterpret_cast<const char*>(database.map(0, database.size())),
-                                         int(database.size()))
+        mapped ? QByteArray::fromRawData(
+                     reinterpret_cast<const char*>(database.map(0, database.size())), int(database.size()))
                : database.readAll();
     benchmark::DoNotOptimize(linux_machine::pci_name(ids, 0x8086, 0x3e92).size());
     benchmark::DoNotOptimize(linux_machine::pci_name(ids, 0x10de, 0x2684).size());

@@ -74,7 +74,7 @@ void build(windows_information_imp& m, kind k)
         info.startOn = start;
         info.endOn = end;
         info.modes = {{start, end, "hd", "8", "on", {"marker", "feature"}, "turntable"},
-                      {start, end, "fast", "", "off", {"feature"}, "handheld"}};
+            {start, end, "fast", "", "off", {"feature"}, "handheld"}};
         info.texture = "color";
         info.totalPoint = "1843200";
         info.pointDis = "0.05";
@@ -91,8 +91,8 @@ void build(windows_information_imp& m, kind k)
     case flat_scan: {
         QString h = "9.1", l = "41.5", w = "12.25", file = "crown.stl", way = "fusion", mesh = "watertight",
                 align = "marker", cls = "hd", hdr = "on", dis = "0.05", tex = "color", pts = "1843200";
-        m.create_scan_inifo(h, l, w, file, way, mesh, align, cls, hdr, modular, start, end, dis, tex, pts, "3686396",
-                            1);
+        m.create_scan_inifo(
+            h, l, w, file, way, mesh, align, cls, hdr, modular, start, end, dis, tex, pts, "3686396", 1);
         break;
     }
     case feedback: {

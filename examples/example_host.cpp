@@ -26,8 +26,8 @@ void record_every_kind(VeltraInfoMgr* manager)
     QStringList modulars{"turntable"}, modular_ples{"tt-01.ple"}, classes{"plate"}, starts{"2026-11-23T08:00:00Z"},
         ends{"2026-11-23T08:02:00Z"}, results{"ok"};
     QString start = "2026-11-23T08:00:00Z", end = "2026-11-23T08:02:00Z";
-    manager->create_calibrate_inifo(modulars, version, ple, model, modular, modular_ples, start, end, classes, starts,
-                                    ends, results, 1);
+    manager->create_calibrate_inifo(
+        modulars, version, ple, model, modular, modular_ples, start, end, classes, starts, ends, results, 1);
     next_second();
     QString target = "cloud", name = "bust.stl", account = "demo@example.com";
     manager->create_share_inifo(ple, model, modular, start, end, target, name, account, 1);
@@ -54,8 +54,8 @@ void record_every_kind(VeltraInfoMgr* manager)
 
     QString email = "demo@example.com", industry = "design", content = "Works well.";
     QStringList attachments;
-    manager->create_userfeedback_info(ple, version, model, modular, modular_ples, 1, email, industry, content,
-                                      attachments);
+    manager->create_userfeedback_info(
+        ple, version, model, modular, modular_ples, 1, email, industry, content, attachments);
     manager->add_user_score("9", ple, version, model, modular, industry, 1);
 }
 

@@ -29,7 +29,7 @@ QHttpPart part_parameter(QString name, QString value)
 {
     QHttpPart part;
     part.setHeader(QNetworkRequest::ContentDispositionHeader,
-                   QVariant(QStringLiteral("form-data; name=\"") + name + QLatin1Char('"')));
+        QVariant(QStringLiteral("form-data; name=\"") + name + QLatin1Char('"')));
     part.setBody(QByteArray(value.toUtf8().constData()));  // up to the first NUL
     return part;
 }
@@ -91,7 +91,7 @@ void limit_answer(QNetworkReply* reply, qint64 limit)
             return;
         LOG(WARNING) << "answer larger than " << limit << " bytes, abandoned";
         mark_refused(reply, QNetworkReply::OperationCanceledError,
-                     QStringLiteral("answer larger than %1 bytes, abandoned").arg(limit));
+            QStringLiteral("answer larger than %1 bytes, abandoned").arg(limit));
         reply->abort();  // ends as a network error
     };
     QObject::connect(reply, &QNetworkReply::metaDataChanged, reply, check);
@@ -273,9 +273,8 @@ void http_connector::connect_reply_slots()
 }
 
 void http_connector::send_request(const std::string& path, const QString& body,
-                                  const std::map<std::string, std::string>& query, int timeout_ms,
-                                  const std::string& sub_path, bool /*flag*/,
-                                  const std::map<std::string, std::string>& headers, const std::string& base_url)
+    const std::map<std::string, std::string>& query, int timeout_ms, const std::string& sub_path, bool /*flag*/,
+    const std::map<std::string, std::string>& headers, const std::string& base_url)
 {
     std::string url_text = base_url + path;
     if (!sub_path.empty())
@@ -321,9 +320,9 @@ void http_connector::refuse_request(const QString& url)
         [this] {
             rt_ = 7;
             report_response(sink_, id_,
-                            failure(QStringLiteral("refused to send: only https is allowed while "
-                                                   "server verification is on"),
-                                    7, QNetworkReply::ProtocolInvalidOperationError));
+                failure(QStringLiteral("refused to send: only https is allowed while "
+                                       "server verification is on"),
+                    7, QNetworkReply::ProtocolInvalidOperationError));
         },
         Qt::QueuedConnection);
 }
@@ -401,9 +400,8 @@ void http_connector::update_data_write_progress(qint64, qint64)
 }
 
 int http_connector::send_multipart_request(const QString& path, const QString& file_path,
-                                           const std::map<QString, QString>& fields,
-                                           const std::map<QString, QString>& headers, int timeout_ms,
-                                           const QString& base_url)
+    const std::map<QString, QString>& fields, const std::map<QString, QString>& headers, int timeout_ms,
+    const QString& base_url)
 {
     const QString url = base_url + path;
     QNetworkRequest request(QUrl(url, QUrl::TolerantMode));
@@ -423,15 +421,14 @@ int http_connector::send_multipart_request(const QString& path, const QString& f
     // Only the first header is sent: the service reads nothing else from a file upload.
     if (!headers.empty()) {
         const auto& header = *headers.begin();
-        request.setRawHeader(header_field(header.first.toUtf8().constData()),
-                             header_field(header.second.toUtf8().constData()));
+        request.setRawHeader(
+            header_field(header.first.toUtf8().constData()), header_field(header.second.toUtf8().constData()));
     }
 
     QHttpPart file_part;
     file_part.setHeader(QNetworkRequest::ContentTypeHeader, QStringLiteral("application/octet-stream"));
     file_part.setHeader(QNetworkRequest::ContentDispositionHeader,
-                        QStringLiteral("form-data; name=\"file\"; filename=\"") + QFileInfo(file_path).fileName() +
-                            QLatin1Char('"'));
+        QStringLiteral("form-data; name=\"file\"; filename=\"") + QFileInfo(file_path).fileName() + QLatin1Char('"'));
     file_part.setBodyDevice(file);  // streamed from disk while the request is sent
     file->setParent(body);
     body->append(file_part);
@@ -473,8 +470,8 @@ int http_connector::get_json_file(QString url, int timeout_ms)
     return 0;
 }
 
-void http_connector::download_verified_file(const QString& url, const QString& file_path, const QString& sha256_hex,
-                                            int timeout_ms)
+void http_connector::download_verified_file(
+    const QString& url, const QString& file_path, const QString& sha256_hex, int timeout_ms)
 {
     file_path_ = file_path;
     auto* transfer = new verified_download(this, sink_, id_, file_path, sha256_hex, timeout_ms);

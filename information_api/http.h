@@ -64,15 +64,15 @@ public:
 
     // POSTs `body` (UTF-8) to base_url + path [+ "/" + sub_path] + "?k=v" per query entry.
     void send_request(const std::string& path, const QString& body, const std::map<std::string, std::string>& query,
-                      int timeout_ms, const std::string& sub_path, bool flag,
-                      const std::map<std::string, std::string>& headers, const std::string& base_url);
+        int timeout_ms, const std::string& sub_path, bool flag, const std::map<std::string, std::string>& headers,
+        const std::string& base_url);
     int send_multipart_request(const QString& path, const QString& file_path, const std::map<QString, QString>& fields,
-                               const std::map<QString, QString>& headers, int timeout_ms, const QString& base_url);
+        const std::map<QString, QString>& headers, int timeout_ms, const QString& base_url);
     int get_json_file(QString url, int timeout_ms);
     void downloadAppFile(QString url, QString file_path);
     // download_verified(): the body into a temporary file beside file_path, hashed as it arrives.
-    void download_verified_file(const QString& url, const QString& file_path, const QString& sha256_hex,
-                                int timeout_ms);
+    void download_verified_file(
+        const QString& url, const QString& file_path, const QString& sha256_hex, int timeout_ms);
     bool installNewApp();
     json_handler* choose_handler(const std::string& name);
 
@@ -141,7 +141,7 @@ void check_server(QNetworkReply* reply);
 class verified_download : public QObject {
 public:
     verified_download(QObject* connector, information_sink* sink, int id, const QString& target,
-                      const QString& sha256_hex, int timeout_ms);
+        const QString& sha256_hex, int timeout_ms);
     bool open();  // false when the target may not be replaced or no temporary file can be made
     // Ends before anything was sent; reported from the connector's thread, as any outcome is.
     void fail_unsent(int code, int net_error);

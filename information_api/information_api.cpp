@@ -148,7 +148,7 @@ int release_connect(int id)
 }
 
 int upload_information(const QString& base_url, const QString& body, const QString& app_id, const QString& type,
-                       information_sink* sink, int id, int timeout)
+    information_sink* sink, int id, int timeout)
 {
     http_connector* connector = open_connection(id, sink);
     const std::map<std::string, std::string> query{{"type", type.toStdString()}};
@@ -159,7 +159,7 @@ int upload_information(const QString& base_url, const QString& body, const QStri
 }
 
 int upload_file(const QString& base_url, const QString& file_path, const QString& app_id, const QString& /*extra*/,
-                information_sink* sink, const int id, int timeout)
+    information_sink* sink, const int id, int timeout)
 {
     http_connector* connector = open_connection(id, sink);
     const QString suffix = QStringLiteral("?category=feedback&bucket=pub");
@@ -173,8 +173,8 @@ int upload_file(const QString& base_url, const QString& file_path, const QString
     return 0;
 }
 
-int get_url_json_file(const QString& base_url, const QString& software, information_sink* sink, const int id,
-                      int timeout)
+int get_url_json_file(
+    const QString& base_url, const QString& software, information_sink* sink, const int id, int timeout)
 {
     http_connector* connector = open_connection(id, sink);
     srand(unsigned(time(nullptr)));
@@ -199,7 +199,7 @@ int downLoadApp(int id, information_sink* sink, const QString& url, const QStrin
 }
 
 int download_verified(int id, information_sink* sink, const QString& url, const QString& file_path,
-                      const QString& sha256_hex, int timeout_ms)
+    const QString& sha256_hex, int timeout_ms)
 {
     static const QRegularExpression sha256(QStringLiteral("\\A[0-9A-Fa-f]{64}\\z"));  // "$" admits a final "\n"
     if (file_path.isEmpty() || !sha256.match(sha256_hex).hasMatch() || timeout_ms <= 0)

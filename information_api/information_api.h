@@ -154,7 +154,7 @@ INFORMATION_API_EXPORT int release_connect(int id);
 /// is never abandoned for it. A `timeout` of 0 or less means no time-out at all.
 /// @return 0, at once.
 INFORMATION_API_EXPORT int upload_information(const QString& base_url, const QString& body, const QString& app_id,
-                                              const QString& type, information_sink* sink, int id, int timeout);
+    const QString& type, information_sink* sink, int id, int timeout);
 
 /// Uploads a local file, a feedback attachment, as a multipart form.
 ///
@@ -172,7 +172,7 @@ INFORMATION_API_EXPORT int upload_information(const QString& base_url, const QSt
 /// release it.
 /// @return 0, at once.
 INFORMATION_API_EXPORT int upload_file(const QString& base_url, const QString& file_path, const QString& app_id,
-                                       const QString& extra, information_sink* sink, const int id, int timeout);
+    const QString& extra, information_sink* sink, const int id, int timeout);
 
 /// Fetches the remote interface file of a software product.
 ///
@@ -183,8 +183,8 @@ INFORMATION_API_EXPORT int upload_file(const QString& base_url, const QString& f
 /// array or object, or not JSON is ret 10. `id`, `sink` and `timeout` as for
 /// upload_information().
 /// @return 0, at once.
-INFORMATION_API_EXPORT int get_url_json_file(const QString& base_url, const QString& software, information_sink* sink,
-                                             const int id, int timeout);
+INFORMATION_API_EXPORT int get_url_json_file(
+    const QString& base_url, const QString& software, information_sink* sink, const int id, int timeout);
 
 /// Downloads an installer into `file_path`; download_verified() is the safer choice.
 ///

@@ -154,8 +154,8 @@ QString pci_name(const QByteArray& ids, uint vendor, uint device)
     return QString();
 }
 
-void describe_gpus(const std::vector<pci_function>& functions, const QByteArray& ids, QStringList& models,
-                   QStringList& memSizes)
+void describe_gpus(
+    const std::vector<pci_function>& functions, const QByteArray& ids, QStringList& models, QStringList& memSizes)
 {
     QStringList names, sizes;
     for (const pci_function& function : functions) {

@@ -43,8 +43,8 @@ QString pci_name(const QByteArray& ids, uint vendor, uint device);
 // One model per display controller among `functions`: its name, else "vendor:device" in hex.
 // Memory sizes in MiB, parallel to the models, end with the last adapter that reports one; one
 // that reports none before it gets an empty entry.
-void describe_gpus(const std::vector<pci_function>& functions, const QByteArray& ids, QStringList& models,
-                   QStringList& memSizes);
+void describe_gpus(
+    const std::vector<pci_function>& functions, const QByteArray& ids, QStringList& models, QStringList& memSizes);
 
 // The probes: each sets the fields its sources give and leaves the others as they are.
 void probe_os(QString& osName, QString& lang, QString& resolution);

@@ -11,10 +11,9 @@ struct queued_sink::handlers {
 };
 
 queued_sink::queued_sink(QObject* receiver, response_handler on_response, progress_handler on_download_progress,
-                         finished_handler on_download_finished)
-    : receiver_(receiver),
-      handlers_(std::make_shared<const handlers>(
-          handlers{std::move(on_response), std::move(on_download_progress), std::move(on_download_finished)}))
+    finished_handler on_download_finished)
+    : receiver_(receiver), handlers_(std::make_shared<const handlers>(handlers{std::move(on_response),
+                               std::move(on_download_progress), std::move(on_download_finished)}))
 {}
 
 queued_sink::~queued_sink() = default;

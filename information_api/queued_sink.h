@@ -39,7 +39,7 @@ public:
 
     /// Queues each report to `receiver` and runs the matching handler on its thread.
     explicit queued_sink(QObject* receiver, response_handler on_response, progress_handler on_download_progress = {},
-                         finished_handler on_download_finished = {});
+        finished_handler on_download_finished = {});
     ~queued_sink() override;
 
     /// Queues `on_response(id, result.value<response_info_t>())` to the receiver.

@@ -102,7 +102,7 @@ bool holds_serialised_variant(const QByteArray& d)
                 quoted = !quoted;
             else if (c == '\\')
                 i += (i + 2 < d.size() && (d[i + 1] == '\n' || d[i + 1] == '\r') &&
-                      (d[i + 2] == '\n' || d[i + 2] == '\r') && d[i + 1] != d[i + 2])
+                         (d[i + 2] == '\n' || d[i + 2] == '\r') && d[i + 1] != d[i + 2])
                          ? 2
                          : 1;
             else if (!quoted && (c == '\n' || c == '\r' || c == ';'))
@@ -136,7 +136,7 @@ long long modified_ns(const struct stat& info)
 written_file identity(const struct stat& info)
 {
     return {true, static_cast<unsigned long long>(info.st_dev), static_cast<unsigned long long>(info.st_ino),
-            static_cast<unsigned long long>(info.st_size), modified_ns(info)};
+        static_cast<unsigned long long>(info.st_size), modified_ns(info)};
 }
 
 bool same_file(const written_file& a, const written_file& b)
@@ -207,8 +207,8 @@ const char* checked_bytes(const QString& path, QByteArray& bytes, bool follow_li
     if (!S_ISREG(info.st_mode))
         return "not a regular file";  // a pipe or device is never opened: that alone may block
     // Non-blocking, and the checks repeated on what was opened: the path may have changed since.
-    const descriptor file{::open(native(path).constData(),
-                                 O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC | (follow_links ? 0 : O_NOFOLLOW))};
+    const descriptor file{::open(
+        native(path).constData(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC | (follow_links ? 0 : O_NOFOLLOW))};
     if (file.fd < 0)
         return errno == ELOOP ? "not a regular file" : nullptr;
     if (::fstat(file.fd, &info) != 0 || !S_ISREG(info.st_mode))
@@ -317,8 +317,8 @@ QString claim_free_name(const QByteArray& temp, const QString& own_path, const Q
 
 // Writes `bytes` to a new file beside `path`, checks it, and puts it in place: over `own_path`
 // while that is still `own`'s file, else under a free name. Returns the path written.
-QString install(const QString& path, const QByteArray& bytes, written_file* own, const QString& own_path,
-                QString& reason)
+QString install(
+    const QString& path, const QByteArray& bytes, written_file* own, const QString& own_path, QString& reason)
 {
     if (!QDir().mkpath(QFileInfo(path).path()))
         return reason = "cannot create the folder " + QFileInfo(path).path(), QString();
@@ -402,7 +402,7 @@ bool update_copy(const QString& source, const QString& copy)
 }  // namespace
 
 QString store_record(const QString& path, const QByteArray& data, const QString& type, QString& failure,
-                     written_file* own, const QString& own_path)
+    written_file* own, const QString& own_path)
 {
     QByteArray bytes;
     return ini_bytes(data, type, bytes, failure) ? install(path, bytes, own, own_path, failure) : QString();

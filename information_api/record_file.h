@@ -29,7 +29,7 @@ struct written_file {
 // path written and updates `own`; on failure returns an empty string and says why in `failure`,
 // and every file is as it was.
 QString store_record(const QString& path, const QByteArray& data, const QString& type, QString& failure,
-                     written_file* own = nullptr, const QString& own_path = QString());
+    written_file* own = nullptr, const QString& own_path = QString());
 
 // Reads an INI file through a private copy of its bytes, once they passed the checks: a regular
 // file (a configuration file may be a link to one) of at most 16 MiB, read without blocking, with

@@ -64,8 +64,8 @@ bool secure_request(QNetworkRequest& request, const QString& url, bool default_a
             return false;
         config.setPeerVerifyMode(QSslSocket::VerifyPeer);
         config.setProtocol(QSsl::TlsV1_2OrLater);
-        config.setCaCertificates(current.authorities.isEmpty() ? QSslConfiguration::systemCaCertificates()
-                                                               : current.authorities);
+        config.setCaCertificates(
+            current.authorities.isEmpty() ? QSslConfiguration::systemCaCertificates() : current.authorities);
     }
     request.setSslConfiguration(config);
     return true;
@@ -83,7 +83,7 @@ void check_server(QNetworkReply* reply)
             for (const QSslError& e : errors)
                 texts << e.errorString();
             mark_refused(reply, QNetworkReply::SslHandshakeFailedError,
-                         QStringLiteral("SSL handshake failed: ") + texts.join(QStringLiteral("; ")));
+                QStringLiteral("SSL handshake failed: ") + texts.join(QStringLiteral("; ")));
         });
     }
     if (current.pins.isEmpty())
@@ -98,7 +98,7 @@ void check_server(QNetworkReply* reply)
 }
 
 verified_download::verified_download(QObject* connector, information_sink* sink, int id, const QString& target,
-                                     const QString& sha256_hex, int timeout_ms)
+    const QString& sha256_hex, int timeout_ms)
     : QObject(connector), sink_(sink), id_(id), file_(target, this), expected_(sha256_hex.toLower().toLatin1())
 {
     idle_.setSingleShot(true);

@@ -60,6 +60,6 @@ INFORMATION_API_EXPORT int clear_transport_security();
 ///         (nothing before or after them, not even a newline), `file_path` is empty or
 ///         `timeout_ms` is 0 or less; otherwise 0.
 INFORMATION_API_EXPORT int download_verified(int id, information_sink* sink, const QString& url,
-                                             const QString& file_path, const QString& sha256_hex, int timeout_ms);
+    const QString& file_path, const QString& sha256_hex, int timeout_ms);
 
 }  // namespace information_api

@@ -68,7 +68,7 @@ QString normalised_profile(const QString& ple)
 // Feedback and scores take the identity they are given and describe the moment the user gave
 // them: their period is now. Returns the record's file stem.
 QString begin_user_record(windows_information_imp& m, const QString& ple, const QString& softwareVer,
-                          const QString& modelName, const QString& modular, int enableGuide)
+    const QString& modelName, const QString& modular, int enableGuide)
 {
     m.enableGuide = enableGuide;
     m.modelName = modelName;
@@ -139,7 +139,7 @@ QString record_absolute_path(const record_entry& record)
 
 // Stores a record of any kind. One that cannot be written is not reported to the caller; the log says so.
 QString store(const QString& path, const QJsonObject& record, const QString& type, written_file* own = nullptr,
-              const QString& own_path = QString())
+    const QString& own_path = QString())
 {
     QString failure;
     const QString written = store_record(path, QJsonDocument(record).toJson(), type, failure, own, own_path);
@@ -284,8 +284,8 @@ void windows_information_imp::create_usage_inner(const QString& start, QJsonObje
     record["modularExt"] = modularExt;
 }
 
-void windows_information_imp::create_usage_inifo(const QString& start, QString& ple, QString& softwareVer,
-                                                 QString& modelName, QString& modular, int enableGuide)
+void windows_information_imp::create_usage_inifo(
+    const QString& start, QString& ple, QString& softwareVer, QString& modelName, QString& modular, int enableGuide)
 {
     LOG(INFO) << "create_usage_inifo 0";
     this->ple = ple;
@@ -379,10 +379,8 @@ bool windows_information_imp::get_os_language(QString&) { return false; }
 bool windows_information_imp::get_gpu_info_vista(QStringList&, QStringList&) { return true; }
 
 void windows_information_imp::create_calibrate_inifo(QStringList& stepModulars, QString& softwareVer, QString& ple,
-                                                     QString& modelName, QString& modular, QStringList& modularPles,
-                                                     QString& startOn, QString& endOn, QStringList& stepClasses,
-                                                     QStringList& stepStarts, QStringList& stepEnds,
-                                                     QStringList& stepResults, int enableGuide)
+    QString& modelName, QString& modular, QStringList& modularPles, QString& startOn, QString& endOn,
+    QStringList& stepClasses, QStringList& stepStarts, QStringList& stepEnds, QStringList& stepResults, int enableGuide)
 {
     this->enableGuide = enableGuide;
     this->softwareVer = softwareVer;
@@ -413,8 +411,7 @@ void windows_information_imp::create_calibrate_inifo(QStringList& stepModulars, 
 }
 
 void windows_information_imp::create_share_inifo(QString& ple, QString& modelName, QString& modular, QString& startOn,
-                                                 QString& endOn, QString& target, QString& name, QString& account,
-                                                 int enableGuide)
+    QString& endOn, QString& target, QString& name, QString& account, int enableGuide)
 {
     this->enableGuide = enableGuide;
     this->ple = ple;
@@ -482,10 +479,9 @@ void windows_information_imp::add_scan_info(const _tag_scan_info& info, int enab
 }
 
 void windows_information_imp::create_scan_inifo(QString& height, QString& length, QString& width, QString& fileName,
-                                                QString& handHeldPointGenWay, QString& meshType, QString& alignMode,
-                                                QString& classsify, QString& hdr, QString& modular, QString& startOn,
-                                                QString& endOn, QString& pointDis, QString& texture,
-                                                QString& totalPoint, QString totalFaces, int)
+    QString& handHeldPointGenWay, QString& meshType, QString& alignMode, QString& classsify, QString& hdr,
+    QString& modular, QString& startOn, QString& endOn, QString& pointDis, QString& texture, QString& totalPoint,
+    QString totalFaces, int)
 {
     // The flat record keeps the envelope's "usage" tracing type; receivers tell it by "type".
     QJsonObject record;
@@ -529,8 +525,8 @@ int windows_information_imp::get_scan_info(const QString& path, QString& data, Q
     type = read_type;
     // Log readers match the function text of the existing builds, which compilers spell differently.
     QMessageLogger(__FILE__, __LINE__,
-                   "virtual int information_api::windows_information_imp::get_scan_info(const QString &, "
-                   "QString &, QString &)")
+        "virtual int information_api::windows_information_imp::get_scan_info(const QString &, "
+        "QString &, QString &)")
             .debug()
         << "type=" << type;
     data = bytes.isNull() ? QString() : QString::fromUtf8(bytes.constData());
@@ -538,9 +534,8 @@ int windows_information_imp::get_scan_info(const QString& path, QString& data, Q
 }
 
 QString windows_information_imp::create_userfeedback_info(QString& ple, QString& softwareVer, QString& modelName,
-                                                          QString& modular, QStringList& modularPles, int enableGuide,
-                                                          QString& email, QString& industry, QString& content,
-                                                          QStringList& attachs)
+    QString& modular, QStringList& modularPles, int enableGuide, QString& email, QString& industry, QString& content,
+    QStringList& attachs)
 {
     this->modularPles = modularPles;
     const QString stem = begin_user_record(*this, ple, softwareVer, modelName, modular, enableGuide);
@@ -560,8 +555,7 @@ QString windows_information_imp::create_userfeedback_info(QString& ple, QString&
 }
 
 QString windows_information_imp::add_user_score(const QString& score, const QString& ple, const QString& softwareVer,
-                                                QString& modelName, QString& modular, const QString& industry,
-                                                int enableGuide)
+    QString& modelName, QString& modular, const QString& industry, int enableGuide)
 {
     modularPles.clear();
     const QString stem = begin_user_record(*this, ple, softwareVer, modelName, modular, enableGuide);

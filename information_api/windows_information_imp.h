@@ -131,10 +131,9 @@ public:
     /// @param stepStarts, stepEnds, stepResults per step, its start, end and result
     /// @param enableGuide the host's guide option: "enableGuide" is "yes" when 1, else "no"
     virtual void create_calibrate_inifo(QStringList& stepModulars, QString& softwareVer, QString& ple,
-                                        QString& modelName, QString& modular, QStringList& modularPles,
-                                        QString& startOn, QString& endOn, QStringList& stepClasses,
-                                        QStringList& stepStarts, QStringList& stepEnds, QStringList& stepResults,
-                                        int enableGuide) = 0;
+        QString& modelName, QString& modular, QStringList& modularPles, QString& startOn, QString& endOn,
+        QStringList& stepClasses, QStringList& stepStarts, QStringList& stepEnds, QStringList& stepResults,
+        int enableGuide) = 0;
     /// Records that a result was shared.
     ///
     /// Stores `enableGuide`, `ple`, `modelName`, `modular`, `startOn` and `endOn` in the manager
@@ -149,8 +148,7 @@ public:
     /// @param account the account it was shared with
     /// @param enableGuide the host's guide option: "enableGuide" is "yes" when 1, else "no"
     virtual void create_share_inifo(QString& ple, QString& modelName, QString& modular, QString& startOn,
-                                    QString& endOn, QString& target, QString& name, QString& account,
-                                    int enableGuide) = 0;
+        QString& endOn, QString& target, QString& name, QString& account, int enableGuide) = 0;
     /// Writes, or rewrites, the usage record of this run.
     ///
     /// Stores `ple`, `softwareVer`, `modelName`, `modular` and `enableGuide` in the manager and
@@ -169,7 +167,7 @@ public:
     ///        software's version, the device model name and the module description
     /// @param enableGuide the host's guide option: "enableGuide" is "yes" when 1, else "no"
     virtual void create_usage_inifo(const QString& start, QString& ple, QString& softwareVer, QString& modelName,
-                                    QString& modular, int enableGuide) = 0;
+        QString& modular, int enableGuide) = 0;
     /// Records a user's satisfaction score; the library never lists, uploads or deletes it.
     ///
     /// Stores `enableGuide`, `modelName`, `modular`, `softwareVer` and `ple` in the manager,
@@ -185,7 +183,7 @@ public:
     /// @return the path written: `<stem>-<n>.score2` when the name was taken (it names no file
     ///         when the write failed)
     virtual QString add_user_score(const QString& score, const QString& ple, const QString& softwareVer,
-                                   QString& modelName, QString& modular, const QString& industry, int enableGuide) = 0;
+        QString& modelName, QString& modular, const QString& industry, int enableGuide) = 0;
     /// Records a user's written feedback.
     ///
     /// Stores in the manager what add_user_score() stores (the profile normalised alike, the
@@ -201,8 +199,8 @@ public:
     /// @return the path written: `<stem>-<n>.info2` when the name was taken (it names no file
     ///         when the write failed)
     virtual QString create_userfeedback_info(QString& ple, QString& softwareVer, QString& modelName, QString& modular,
-                                             QStringList& modularPles, int enableGuide, QString& email,
-                                             QString& industry, QString& content, QStringList& attachs) = 0;
+        QStringList& modularPles, int enableGuide, QString& email, QString& industry, QString& content,
+        QStringList& attachs) = 0;
     /// Deletes the records that are too old to be worth sending.
     ///
     /// Those are the `*.info2` files of "./veltrainfo/" modified more than "remain" calendar days
@@ -372,18 +370,17 @@ public:
     void setSoftwareName(const QString& name) override;
     void add_scan_info(const _tag_scan_info& info, int enableGuide) override;
     void create_calibrate_inifo(QStringList& stepModulars, QString& softwareVer, QString& ple, QString& modelName,
-                                QString& modular, QStringList& modularPles, QString& startOn, QString& endOn,
-                                QStringList& stepClasses, QStringList& stepStarts, QStringList& stepEnds,
-                                QStringList& stepResults, int enableGuide) override;
+        QString& modular, QStringList& modularPles, QString& startOn, QString& endOn, QStringList& stepClasses,
+        QStringList& stepStarts, QStringList& stepEnds, QStringList& stepResults, int enableGuide) override;
     void create_share_inifo(QString& ple, QString& modelName, QString& modular, QString& startOn, QString& endOn,
-                            QString& target, QString& name, QString& account, int enableGuide) override;
+        QString& target, QString& name, QString& account, int enableGuide) override;
     void create_usage_inifo(const QString& start, QString& ple, QString& softwareVer, QString& modelName,
-                            QString& modular, int enableGuide) override;
+        QString& modular, int enableGuide) override;
     QString add_user_score(const QString& score, const QString& ple, const QString& softwareVer, QString& modelName,
-                           QString& modular, const QString& industry, int enableGuide) override;
+        QString& modular, const QString& industry, int enableGuide) override;
     QString create_userfeedback_info(QString& ple, QString& softwareVer, QString& modelName, QString& modular,
-                                     QStringList& modularPles, int enableGuide, QString& email, QString& industry,
-                                     QString& content, QStringList& attachs) override;
+        QStringList& modularPles, int enableGuide, QString& email, QString& industry, QString& content,
+        QStringList& attachs) override;
     void clear_timeout_file() override;
     int get_upload_files(QStringList& files) override;
     int get_reconnect_intval() override;
@@ -416,10 +413,9 @@ public:
     ///        the scan's values, recorded as given
     /// @param unused ignored
     virtual void create_scan_inifo(QString& height, QString& length, QString& width, QString& fileName,
-                                   QString& handHeldPointGenWay, QString& meshType, QString& alignMode,
-                                   QString& classsify, QString& hdr, QString& modular, QString& startOn, QString& endOn,
-                                   QString& pointDis, QString& texture, QString& totalPoint, QString totalFaces,
-                                   int unused);
+        QString& handHeldPointGenWay, QString& meshType, QString& alignMode, QString& classsify, QString& hdr,
+        QString& modular, QString& startOn, QString& endOn, QString& pointDis, QString& texture, QString& totalPoint,
+        QString totalFaces, int unused);
     /// Machine probe for osName, lang and resolution (the class's table); returns true. On Linux
     /// it sets what it can read and leaves the rest; on macOS it leaves all three.
     virtual bool get_os_info(QString& osName, QString& lang, QString& resolution);

@@ -43,8 +43,8 @@ class glog_capture : public google::LogSink {
 public:
     glog_capture() { google::AddLogSink(this); }
     ~glog_capture() override { google::RemoveLogSink(this); }
-    void send(google::LogSeverity, const char*, const char*, int, const struct ::tm*, const char* text,
-              size_t size) override
+    void send(
+        google::LogSeverity, const char*, const char*, int, const struct ::tm*, const char* text, size_t size) override
     {
         std::lock_guard<std::mutex> lock(mutex_);
         lines_ << QString::fromUtf8(text, int(size));

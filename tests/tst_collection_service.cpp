@@ -41,6 +41,8 @@ private slots:
     void request();
 };
 
+// Rows of a table, one row a line: clang-format leaves them as they are.
+// clang-format off
 void tst_collection_service::request_data()
 {
     QTest::addColumn<bool>("tls");
@@ -49,27 +51,23 @@ void tst_collection_service::request_data()
     // Status, the status the service logged, the files under the data folder but its store (it held
     // a half-written upload), the kinds of the records it kept.
     QTest::addColumn<QString>("expected");
-    const QByteArray big = '{' + QByteArray(4 << 20, ' ') + '}';                   // still on its way when refused
+    const QByteArray big = '{' + QByteArray(4 << 20, ' ') + '}';  // still on its way when refused
     QTest::newRow("type climbing out, over https, slow clients in the handshake")  // a TLS record of 512 bytes
         << true << QByteArray("\x16\x03\x01\x02\x00", 5) << post("/dtta?type=../../../../a/b\\c", "{}")
         << "200 200 ca.pem cert.pem key.pem kept ../../../../a/b\\c";
-    QTest::newRow("a served file, slow clients in the head")
-        << false << QByteArray("POST /dtta HTTP/1.1\r\nX-") << QByteArray("GET /files/setup.bin HTTP/1.1\r\n\r\n")
-        << "200 200 kept";
-    QTest::newRow("file name with folders")
-        << false << QByteArray()
-        << post("/up",
-                "--b\r\nContent-Disposition: form-data; name=\"file\"; filename=\"..\\..\\scan 1.zip\"\r\n\r\n"
-                "PK\r\n--b--\r\n",
-                "Content-Type: multipart/form-data; boundary=b\r\n")
+    QTest::newRow("a served file, slow clients in the head") << false << QByteArray("POST /dtta HTTP/1.1\r\nX-")
+        << QByteArray("GET /files/setup.bin HTTP/1.1\r\n\r\n") << "200 200 kept";
+    QTest::newRow("file name with folders") << false << QByteArray()
+        << post("/up", "--b\r\nContent-Disposition: form-data; name=\"file\"; filename=\"..\\..\\scan 1.zip\"\r\n\r\n"
+                       "PK\r\n--b--\r\n", "Content-Type: multipart/form-data; boundary=b\r\n")
         << "200 200 files/uploads/<sha256> kept";
-    QTest::newRow("body over the limit")
-        << false << QByteArray()
+    QTest::newRow("body over the limit") << false << QByteArray()
         << "POST /dtta?type=big HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n400002\r\n" + big + "\r\n0\r\n\r\n"
         << "413 413 kept";
-    QTest::newRow("body shorter than announced")
-        << false << QByteArray() << QByteArray("POST /dtta HTTP/1.1\r\nContent-Length: 9\r\n\r\n{}") << "400 400 kept";
+    QTest::newRow("body shorter than announced") << false << QByteArray()
+        << QByteArray("POST /dtta HTTP/1.1\r\nContent-Length: 9\r\n\r\n{}") << "400 400 kept";
 }
+// clang-format on
 
 void tst_collection_service::request()
 {
@@ -103,7 +101,7 @@ void tst_collection_service::request()
     trickle.start(500);
     const auto connected = [&] {
         return int(std::count_if(clients.begin(), clients.end(),
-                                 [](const QTcpSocket& s) { return s.state() == QAbstractSocket::ConnectedState; }));
+            [](const QTcpSocket& s) { return s.state() == QAbstractSocket::ConnectedState; }));
     };
     QTRY_COMPARE(connected(), int(clients.size()));
 
@@ -123,7 +121,7 @@ void tst_collection_service::request()
     QCOMPARE((outcome + files).join(' '), expected);
     if (tls)  // the key it made for itself is its owner's only
         QCOMPARE(QFile::permissions(data + "/key.pem"),
-                 QFile::ReadOwner | QFile::WriteOwner | QFile::ReadUser | QFile::WriteUser);
+            QFile::ReadOwner | QFile::WriteOwner | QFile::ReadUser | QFile::WriteUser);
     QTRY_COMPARE_WITH_TIMEOUT(connected(), 0, 10000);  // the deadline cut them off although they kept sending
 }
 

@@ -46,7 +46,7 @@ struct serving {
 
 // Posts each body (up to six at once) and collects "status result" per body.
 QStringList post_all(const QString& url, const QList<QByteArray>& bodies, const QByteArray& app_id = kAppId,
-                     const std::function<void(int answered)>& after_each = {})
+    const std::function<void(int answered)>& after_each = {})
 {
     QNetworkAccessManager manager;
     QStringList answers;
@@ -99,9 +99,9 @@ private:
     {
         static sqlite3* holder = nullptr;
         if (!database_.isEmpty()) {
-            QCOMPARE(QProcess::execute("pg_ctlcluster",
-                                       {qEnvironmentVariable("PGVERSION"), "regress", available ? "start" : "stop"}),
-                     0);
+            QCOMPARE(QProcess::execute(
+                         "pg_ctlcluster", {qEnvironmentVariable("PGVERSION"), "regress", available ? "start" : "stop"}),
+                0);
         } else if (!available) {
             QCOMPARE(sqlite3_open((data + "/" + collector::data_folder::kRecords).toUtf8(), &holder), SQLITE_OK);
             QCOMPARE(sqlite3_exec(holder, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr), SQLITE_OK);
@@ -116,20 +116,23 @@ private:
     }
 };
 
+// Rows of a table, one row a line: clang-format leaves them as they are.
+// clang-format off
 void tst_collector::faults_data()
 {
     QTest::addColumn<fault>("what");
     QTest::addColumn<QString>("expected");  // the answers in order, then what an export holds
-    QTest::newRow("sent twice, unknown id, no object, too large")
-        << fault::none << "200 success|200 success|200 failed|200 failed|413 failed / kept 1";
+    QTest::newRow("sent twice, unknown id, no object, too large") << fault::none
+        << "200 success|200 success|200 failed|200 failed|413 failed / kept 1";
     QTest::newRow("kill -9 under load: every acknowledged record kept") << fault::kill9 << "lost 0";
-    QTest::newRow("database unavailable mid-run: 503, then recovered")
-        << fault::unavailable << "200 success|503 failed|200 success / kept 2";
-    QTest::newRow("SIGTERM: the request in flight is answered, exit 0")
-        << fault::sigterm << "200 success / exit 0 / kept 1";
-    QTest::newRow("two collectors, one database: each record once")
-        << fault::two_collectors << "200 success x 80 / kept 40";
+    QTest::newRow("database unavailable mid-run: 503, then recovered") << fault::unavailable
+        << "200 success|503 failed|200 success / kept 2";
+    QTest::newRow("SIGTERM: the request in flight is answered, exit 0") << fault::sigterm
+        << "200 success / exit 0 / kept 1";
+    QTest::newRow("two collectors, one database: each record once") << fault::two_collectors
+        << "200 success x 80 / kept 40";
 }
+// clang-format on
 
 void tst_collector::faults()
 {
@@ -163,8 +166,8 @@ void tst_collector::faults()
         QVERIFY(acknowledged.size() >= 100 && acknowledged.size() < 400);
         first.process.waitForFinished();
         const QString kept = exported(data.path()).join('\n');
-        outcome = QString("lost %1").arg(std::count_if(acknowledged.begin(), acknowledged.end(),
-                                                       [&](const QString& r) { return !kept.contains(r); }));
+        outcome = QString("lost %1").arg(std::count_if(
+            acknowledged.begin(), acknowledged.end(), [&](const QString& r) { return !kept.contains(r); }));
     } else if (what == fault::unavailable) {
         QStringList answers = post_all(first.url, {record_body(1)});
         set_available(data.path(), false);
@@ -222,7 +225,7 @@ void tst_collector::governance()
     QCOMPARE(first.value("record").toObject().value("n").toInt(), 1);
     QCOMPARE(run(QStringList{"delete", "--serial", "A"} + where), QStringList{"deleted 2 records of device A"});
     QCOMPARE(run(QStringList{"stats"} + where).join('|').remove(QRegularExpression(" +")),
-             "records:1|bykind:|usage1|byversion:|2.01|byday:|" + today + "1");
+        "records:1|bykind:|usage1|byversion:|2.01|byday:|" + today + "1");
     QCOMPARE(run(QStringList{"purge", "--older-than-days", "1"} + where).value(0).section(' ', 0, 1), "purged 0");
     QCOMPARE(run(QStringList{"export", "--until", "2000-01-01"} + where).size(), 0);
 }

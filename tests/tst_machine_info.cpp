@@ -37,14 +37,14 @@ class tst_machine_info : public QObject {
     Q_OBJECT
 private slots:
     void parsers_data();
-    void parsers()
-    {
-        QFETCH(QString, actual);
-        QTEST(actual, "expected");
-    }
+    // clang-format off
+    void parsers() { QFETCH(QString, actual); QTEST(actual, "expected"); }
+    // clang-format on
     void this_machine();
 };
 
+// Rows of a table, one row a line: clang-format leaves them as they are.
+// clang-format off
 void tst_machine_info::parsers_data()
 {
     QTest::addColumn<QString>("actual");
@@ -65,8 +65,7 @@ void tst_machine_info::parsers_data()
         << QString::number(parse_meminfo_mib("MemFree:        23384128 kB\nMemTotal:       24684092 kB\n")) << "24105";
     QTest::newRow("home as ~, on a path boundary")
         << with_home_as_tilde("/home/ann/Apps", "/home/ann") + with_home_as_tilde("/home/ann", "/home/ann") + ' ' +
-               with_home_as_tilde("/home/anna/bin", "/home/ann")
-        << "~/Apps~ /home/anna/bin";
+               with_home_as_tilde("/home/anna/bin", "/home/ann") << "~/Apps~ /home/anna/bin";
     // The second GPU's id belongs to the next vendor's block; a host bridge is no display.
     const QByteArray ids = "#\tList of PCI ID's\n1002  Advanced Micro Devices, Inc. [AMD/ATI]\n"
                            "\t73bf  Navi 21 [Radeon RX 6800/6800 XT / 6900 XT]\n\t\t1002 0e3a  Radeon RX 6900 XT\n"
@@ -76,12 +75,12 @@ void tst_machine_info::parsers_data()
         << gpu_record({{"0x060000\n", "0x8086\n", "0x0d57\n", ""},
                        {"0x030000\n", "0x1002\n", "0x73bf\n", "17163091968\n"},
                        {"0x030000\n", "0x1002\n", "0x0100\n", "8573157376\n"},
-                       {"0x030200\n", "0x10de\n", "0x1c82\n", ""}},
-                      ids)
+                       {"0x030200\n", "0x10de\n", "0x1c82\n", ""}}, ids)
         << R"([{"gpuMemSize":16368,"gpuModel":"Advanced Micro Devices, Inc. [AMD/ATI] Navi 21 )"
            R"([Radeon RX 6800/6800 XT / 6900 XT]"},{"gpuMemSize":8176,"gpuModel":"1002:0100"},)"
            R"({"gpuModel":"NVIDIA Corporation GP107 [GeForce GTX 1050 Ti]"}])";
 }
+// clang-format on
 
 void tst_machine_info::this_machine()
 {
@@ -94,27 +93,13 @@ void tst_machine_info::this_machine()
     int displays = 0;
     for (const QFileInfo& function : QDir("/sys/bus/pci/devices").entryInfoList(QDir::Dirs | QDir::NoDotAndDotDot))
         displays += read_file(function.filePath() + "/class").startsWith("0x03");
-    const QJsonArray actual{os["osName"],
-                            os["lang"],
-                            os["resolution"],
-                            os["installPath"],
-                            hd["cpu"][0]["cpuCores"],
-                            hd["cpu"][0]["cpuModel"],
-                            hd["memSize"],
-                            hd["hddSize"],
-                            hd["gpu"].toArray().size()};
-    const QJsonArray expected{
-        QSysInfo::prettyProductName(),
-        QLocale::system().name(),
-        "800 x 600",
-        with_home_as_tilde(with_home_as_tilde(folder, QDir::homePath()), QDir::home().canonicalPath()),
-        cpu.cores,
-        cpu.model,
-        parse_meminfo_mib(read_file("/proc/meminfo")),
-        volume.bytesTotal() >> 20,
-        displays};
-    QCOMPARE(QJsonDocument(actual).toJson(QJsonDocument::Compact),
-             QJsonDocument(expected).toJson(QJsonDocument::Compact));
+    const QJsonArray actual{os["osName"], os["lang"], os["resolution"], os["installPath"], hd["cpu"][0]["cpuCores"],
+        hd["cpu"][0]["cpuModel"], hd["memSize"], hd["hddSize"], hd["gpu"].toArray().size()};
+    const QJsonArray expected{QSysInfo::prettyProductName(), QLocale::system().name(), "800 x 600",
+        with_home_as_tilde(with_home_as_tilde(folder, QDir::homePath()), QDir::home().canonicalPath()), cpu.cores,
+        cpu.model, parse_meminfo_mib(read_file("/proc/meminfo")), volume.bytesTotal() >> 20, displays};
+    QCOMPARE(
+        QJsonDocument(actual).toJson(QJsonDocument::Compact), QJsonDocument(expected).toJson(QJsonDocument::Compact));
     QVERIFY(qAbs(hd["hddRemainSize"].toDouble() - double(volume.bytesAvailable() >> 20)) < 1024);  // others write
 }
 

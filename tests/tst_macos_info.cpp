@@ -21,11 +21,8 @@ static const probe screenInfo = KrMacosInfo::getScreenResolutionInfo, systemInfo
 // tell.
 static QVariantMap collect()
 {
-    const QVariantMap probed{{"cpu", cpuInfo()},
-                             {"memory", memoryInfo()},
-                             {"screen", screenInfo()},
-                             {"system", systemInfo()},
-                             {"language", languageInfo()}};
+    const QVariantMap probed{{"cpu", cpuInfo()}, {"memory", memoryInfo()}, {"screen", screenInfo()},
+        {"system", systemInfo()}, {"language", languageInfo()}};
     KrMacosInfo info;
     QVariantList received;  // on this thread: from another, the signal is queued
     QObject::connect(&info, &KrMacosInfo::allSystemInfoFinished, &info, [&](QVariantMap all) { received << all; });
@@ -39,18 +36,17 @@ static QVariantMap collect()
 static void row(const char* tag, probe p, machine m, QVariantMap expected) { QTest::newRow(tag) << p << m << expected; }
 
 static QVariant screen(const char* name, const char* pixels = "1920 x 1080", const char* geometry = "1920 x 1080 (0,0)",
-                       double logicalDpi = 72, double physicalDpi = 0)
+    double logicalDpi = 72, double physicalDpi = 0)
 {
-    return QVariantMap{{"name", name},
-                       {"resolution", pixels},
-                       {"availableGeometry", geometry},
-                       {"logicalDpi", logicalDpi},
-                       {"physicalDpi", physicalDpi}};
+    return QVariantMap{{"name", name}, {"resolution", pixels}, {"availableGeometry", geometry},
+        {"logicalDpi", logicalDpi}, {"physicalDpi", physicalDpi}};
 }
 
 class tst_macos_info : public QObject {
     Q_OBJECT
 
+    // Rows of a table, one row a line: clang-format leaves them as they are.
+    // clang-format off
 private slots:
     // Every row gives back all it owned; fake_machine.h tells which other misuse fails, and where.
     void cleanup() { QCOMPARE(std::exchange(unreleased, 0), 0); }
@@ -66,21 +62,12 @@ private slots:
         // last, unplugged between the count and the list.
         machine m;
         m.displays = {{1, {no_info, {}, false, {330, 206}, {1440, 2880}, {{0, 0}, {1440, 900}}, 2880, 1800}},
-                      {4,
-                       {named,
-                        {"de_DE", "Sidecar-Display", "en_GB", "Sidecar – iPad"},
-                        false,
-                        {600, 0},
-                        {0, 1920},
-                        {{-1279.6, -0.5}, {1279.6, 720.4}}}},
-                      {5, {no_names}},
-                      {6, {}},
-                      {69733378, {no_port, {}, true}},
-                      {69733379, {}}};
+                      {4, {named, {"de_DE", "Sidecar-Display", "en_GB", "Sidecar – iPad"}, false, {600, 0}, {0, 1920},
+                           {{-1279.6, -0.5}, {1279.6, 720.4}}}},
+                      {5, {no_names}}, {6, {}}, {69733378, {no_port, {}, true}}, {69733379, {}}};
         m.unplugged = 1;
         row("screen: names or fallbacks, Retina, a mode of zero width, a zero dimension, halves rounded", screenInfo, m,
-            {{"size", 5},
-             {"primaryScreenName", "Display 69733378"},
+            {{"size", 5}, {"primaryScreenName", "Display 69733378"},
              {"screens", QVariantList{screen("Display 1", "2880 x 1800", "1440 x 900 (0,0)", 144,
                                              (2880 * 25.4 / 330 + 1800 * 25.4 / 206) * 0.5),
                                       screen("Sidecar – iPad", "1920 x 1080", "1280 x 720 (-1280,0)"),
@@ -107,29 +94,20 @@ private slots:
         m.sysctls = {{"machdep.cpu.brand_string", "Virtual CPU"}, {"hw.optional.arm64", 1}, {"hw.physicalcpu", 0}};
         row("cpu: Arm, a brand naming neither maker", cpuInfo, m, {{"name", "Virtual CPU"}, {"manufacturer", "Apple"}});
         row("cpu: nothing readable", cpuInfo, machine(), {});
-        m.sysctls = {{"machdep.cpu.brand_string", "intel"},
-                     {"hw.physicalcpu", 4},
-                     {"hw.logicalcpu", 8},
-                     {"hw.cpufrequency_max", uint64_t(999999999)},
-                     {"hw.cpufrequency", uint64_t(800000000)}};
+        m.sysctls = {{"machdep.cpu.brand_string", "intel"}, {"hw.physicalcpu", 4}, {"hw.logicalcpu", 8},
+                     {"hw.cpufrequency_max", uint64_t(999999999)}, {"hw.cpufrequency", uint64_t(800000000)}};
         row("cpu: lower-case intel, maximum frequency, MHz truncated", cpuInfo, m,
             {{"name", "intel"}, {"manufacturer", "Intel"}, {"cores", 4}, {"threads", 8}, {"maxClockSpeedMHz", 999ull}});
 
         // A 3D controller, its name as firmware data; a class code read most significant byte first, so that one stored
         // little-endian does not count; Apple silicon, whose accelerator finds VRAM and driver on its parent; IOGPU
         // names from the fallbacks, one twice, and one with none anywhere.
-        m.registry = {{{"IOPCIDevice"},
-                       {{"model", "NVIDIA Tesla\0"s},
-                        {"class-code", "\0\3\2\0"s},
-                        {"VRAM,totalMB", 8192},
-                        {"driver-version", "4.6.1"}}},
-                      {{"IOPCIDevice"}, {{"model", "Radeon"}, {"class-code", "\0\0\3\0"s}}},
-                      {{"", "IOGPU"}},
+        m.registry = {{{"IOPCIDevice"}, {{"model", "NVIDIA Tesla\0"s}, {"class-code", "\0\3\2\0"s},
+                                         {"VRAM,totalMB", 8192}, {"driver-version", "4.6.1"}}},
+                      {{"IOPCIDevice"}, {{"model", "Radeon"}, {"class-code", "\0\0\3\0"s}}}, {{"", "IOGPU"}},
                       {{"AppleARMIODevice"}, {{"VRAM,totalsize", int64_t(8) << 30}, {"driver-version", " 12.1 \0x"s}}},
                       {{"AGXAcceleratorG14X", "IOGPU"}, {{"model", "Apple M2 Pro"}}, 3},
-                      {{"G", "IOGPU"}, {{"gpu-model", " Tiny \0"s}}},
-                      {{"Zero", "IOGPU"}},
-                      {{"Zero", "IOGPU"}}};
+                      {{"G", "IOGPU"}, {{"gpu-model", " Tiny \0"s}}}, {{"Zero", "IOGPU"}}, {{"Zero", "IOGPU"}}};
         const QVariantList gpus{QVariantMap{{"name", "NVIDIA Tesla"}, {"vramMB", 8192.0}, {"driverVersion", "4.6.1"}},
                                 QVariantMap{{"name", "Apple M2 Pro"}, {"vramMB", 8192.0}, {"driverVersion", "12.1"}},
                                 QVariantMap{{"name", "Tiny"}}, QVariantMap{{"name", "Zero"}}};
@@ -150,6 +128,7 @@ private slots:
         QDebug(&wanted) << qSetRealNumberPrecision(17) << expected;
         QCOMPARE(actual, wanted);
     }
+    // clang-format on
 };
 
 QTEST_GUILESS_MAIN(tst_macos_info)

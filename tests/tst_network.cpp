@@ -36,19 +36,15 @@ private slots:
     void registry_and_clean();  // first: nothing may have warmed the network stack before
     void cleanup() { clear_transport_security(); }
     void transport_settings();
+    // clang-format off
     // One table per request kind, each row run by exchange().
-    void record_uploads_data();
-    void record_uploads() { exchange(); }
-    void time_outs_and_threads_data();
-    void time_outs_and_threads() { exchange(); }
-    void file_uploads_data();
-    void file_uploads() { exchange(); }
-    void interface_fetches_data();
-    void interface_fetches() { exchange(); }
-    void downloads_data();
-    void downloads() { exchange(); }  // downLoadApp, download_verified
-    void verification_data();
-    void verification() { exchange(); }
+    void record_uploads_data();         void record_uploads() { exchange(); }
+    void time_outs_and_threads_data();  void time_outs_and_threads() { exchange(); }
+    void file_uploads_data();           void file_uploads() { exchange(); }
+    void interface_fetches_data();      void interface_fetches() { exchange(); }
+    void downloads_data();              void downloads() { exchange(); }  // downLoadApp, download_verified
+    void verification_data();           void verification() { exchange(); }
+    // clang-format on
     void calls_from_inside_a_report();
 
 private:
@@ -202,7 +198,7 @@ QString as_expected(const QString& actual, const QString& expected)
 void columns() { QTest::addColumn<exchange_row>("row"); }
 
 void row(const char* name, server kind, reply a, policy p, request call, QString sent, QString heard, QString left = "",
-         bool initialised = true)
+    bool initialised = true)
 {
     QTest::newRow(name) << exchange_row{kind, a, p, initialised, call, sent, heard, left};
 }
@@ -256,6 +252,8 @@ void tst_network::transport_settings()
     QVERIFY(g_conn_manager.empty());
 }
 
+// Rows of a table, one row a line: clang-format leaves them as they are.
+// clang-format off
 void tst_network::record_uploads_data()
 {
     columns();
@@ -282,24 +280,22 @@ void tst_network::record_uploads_data()
     row("CR LF in the app id: no header of its own", https, real, none,
         record(10000, "/dtta", "usage", "id\r\nX-Injected: 1"), QString(post).replace(kAppId, "idX-Injected: 1"),
         "0 10 -2 unknown application id");
-    row(
-        "several parameters, each after a '?'", https, real, none,
-        [](const QString& base, information_sink* sink) {
+    row("several parameters, each after a '?'", https, real, none, [](const QString& base, information_sink* sink) {
             auto* connector = g_conn_manager[1] = new http_connector(1, sink, nullptr);  // stays on this thread
             connector->send_request("", kBody, {{"type", "usage"}, {"a", "1"}}, 5000, "", true,
                                     {{"X-Auth-AppID", kAppId}}, base.toStdString() + "/dtta");
-        },
-        QString(post).replace("/dtta?type=usage", "/dtta?a=1?type=usage"), ok, "", false);
+        }, QString(post).replace("/dtta?type=usage", "/dtta?a=1?type=usage"), ok, "", false);
     row("empty app id and type, a space escaped", https, real, none, record(10000, "/dtta", "scan mode", ""),
-        QString(post)
-            .replace("type=usage", "type=scan%20mode")
-            .replace("X-Auth-AppID: " + QString(kAppId), "X-Auth-AppID: "),
+        QString(post).replace("type=usage", "type=scan%20mode").replace("X-Auth-AppID: " + QString(kAppId),
+                                                                         "X-Auth-AppID: "),
         "0 10 -2 unknown application id");
-    row(
-        "no sink", https, real, none, [](const QString& base, information_sink*) { record()(base, nullptr); }, post,
+    row("no sink", https, real, none, [](const QString& base, information_sink*) { record()(base, nullptr); }, post,
         "");
 }
+// clang-format on
 
+// Rows of a table, one row a line: clang-format leaves them as they are.
+// clang-format off
 void tst_network::time_outs_and_threads_data()
 {
     columns();
@@ -311,22 +307,24 @@ void tst_network::time_outs_and_threads_data()
     row("time-out -1: none", https, silent, none, file("in/scan report.bin", -1), up, "");
     row("silent: a time-out every interval", https, silent, none, record(100), post,
         "0 6 -1 timeout / 0 6 -1 timeout / 0 6 -1 timeout...");
-    row(
-        "from a thread Qt did not start: the time-out runs on the worker", https, silent, none,
+    row("from a thread Qt did not start: the time-out runs on the worker", https, silent, none,
         [](const QString& base, information_sink* sink) { std::thread([&] { record(50)(base, sink); }).join(); }, post,
         "0 6 -1 timeout / 0 6 -1 timeout...");
     for (bool initialised : {true, false}) {  // a request that fails at once has no time-out after its end
         const char* where = initialised ? "worker" : "caller's thread";
-        for (const auto& [what, call] :
-             {std::pair{"upload", record(50)}, {"file", file("in/scan report.bin", 50)}, {"fetch", fetch(50)}}) {
-            const QString heard =
-                QString(what == QString("file") ? "" : "0 7 301 / ") + "0 7 301 Protocol \"unknown\" is unknown";
-            row(qPrintable(QString("unknown scheme, %1, %2").arg(what, where)), https, real, none, via("unknown", call),
-                "", heard, "", initialised);
+        for (const auto& [what, call] : {std::pair{"upload", record(50)}, {"file", file("in/scan report.bin", 50)},
+                                         {"fetch", fetch(50)}}) {
+            const QString heard = QString(what == QString("file") ? "" : "0 7 301 / ") +
+                                  "0 7 301 Protocol \"unknown\" is unknown";
+            row(qPrintable(QString("unknown scheme, %1, %2").arg(what, where)), https, real, none,
+                via("unknown", call), "", heard, "", initialised);
         }
     }
 }
+// clang-format on
 
+// Rows of a table, one row a line: clang-format leaves them as they are.
+// clang-format off
 void tst_network::file_uploads_data()
 {
     columns();
@@ -340,20 +338,21 @@ void tst_network::file_uploads_data()
     // Only a regular file is sent; a request for another would time out.
     for (const char* path : {"no/such/file.zip", "/proc/self/status", "in/fifo"})
         row(qPrintable(QString("not a file: nothing sent: ") + path), https, real, none, file(path, 20), "", "");
-    row(
-        "fields first, in key order, cut at NUL; only the first header", https, real, none,
+    row("fields first, in key order, cut at NUL; only the first header", https, real, none,
         [](const QString& base, information_sink* sink) {  // the connector stays on this thread
             write_attachment();
             auto* connector = g_conn_manager[1] = new http_connector(1, sink, nullptr);
             connector->send_multipart_request("/up", "in/scan report.bin",
                                               {{"size", "12"}, {"name", QString("x") + QChar(0) + "y"}},
                                               {{"X-B", "2"}, {"X-A", "1"}}, 5000, base);
-        },
-        "POST /up X-A: 1 Content-Type: multipart/form-data [name   78] [size   3132] "
-        "[file scan report.bin application/octet-stream 504b030400ff0d0a]",
+        }, "POST /up X-A: 1 Content-Type: multipart/form-data [name   78] [size   3132] "
+           "[file scan report.bin application/octet-stream 504b030400ff0d0a]",
         ok + " result <id>", "", false);
 }
+// clang-format on
 
+// Rows of a table, one row a line: clang-format leaves them as they are.
+// clang-format off
 void tst_network::interface_fetches_data()
 {
     columns();
@@ -367,7 +366,10 @@ void tst_network::interface_fetches_data()
         "0 7 5 / 0 7 5 answer larger than 1048576 bytes, abandoned");
     row("interface missing", https, real, none, fetch(), get, "0 7 203 / 0 7 203 ...");
 }
+// clang-format on
 
+// Rows of a table, one row a line: clang-format leaves them as they are.
+// clang-format off
 void tst_network::downloads_data()
 {
     columns();
@@ -398,16 +400,17 @@ void tst_network::downloads_data()
     reply redirect = answer("", 302);
     redirect.headers = {{"Location", "http://127.0.0.1:1/files/app.exe"}};
     row("redirect off https", https, redirect, none, verified(), app, "finished 0 7 11", kept);
-    row(
-        "released while under way: cancelled, nothing left, no report", https, paced(installer, 4096, 20), none,
+    row("released while under way: cancelled, nothing left, no report", https, paced(installer, 4096, 20), none,
         [](const QString& base, information_sink* sink) {
             verified()(base, sink);
             QTRY_VERIFY(!static_cast<recording_sink*>(sink)->progress().empty());
             QCOMPARE(release_connect(1), 0);
-        },
-        app, "", kept);
+        }, app, "", kept);
 }
+// clang-format on
 
+// Rows of a table, one row a line: clang-format leaves them as they are.
+// clang-format off
 void tst_network::verification_data()
 {
     columns();
@@ -428,6 +431,7 @@ void tst_network::verification_data()
     row("the system store knows no local authority", https, real, policy::system_store, fetch(), "",
         "0 7 6 / 0 7 6 ...");
 }
+// clang-format on
 
 void tst_network::exchange()
 {
@@ -456,9 +460,9 @@ void tst_network::exchange()
     if (settings != policy::none && settings != policy::wrong_pin_only)
         QCOMPARE(set_trusted_certificates(settings == policy::system_store ? "" : authority), 0);
     if (settings == policy::authority_and_pin || settings == policy::wrong_pin || settings == policy::wrong_pin_only)
-        QCOMPARE(set_pinned_public_keys(settings == policy::authority_and_pin ? QStringList{fake_pin, pin}
-                                                                              : QStringList{fake_pin}),
-                 0);
+        QCOMPARE(set_pinned_public_keys(
+                     settings == policy::authority_and_pin ? QStringList{fake_pin, pin} : QStringList{fake_pin}),
+            0);
 
     row_started = time(nullptr);
     call(base, &sink);

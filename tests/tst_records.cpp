@@ -43,7 +43,7 @@ manager_ptr new_manager()
 {
     auto m = std::make_unique<W>();
     for (QString* f : {&m->osName, &m->lang, &m->resolution, &m->installPath, &m->cpuCores, &m->cpuModel, &m->memSize,
-                       &m->hddSize, &m->hddRemainSize})
+             &m->hddSize, &m->hddRemainSize})
         f->clear();
     m->gpuModels.clear();
     m->gpuMemSizes.clear();
@@ -53,15 +53,8 @@ manager_ptr new_manager()
 // The manager's fields that later records carry.
 QString stored_fields(const windows_information_imp* m)
 {
-    return m ? QStringList{m->startOn,
-                           m->endOn,
-                           m->ple,
-                           m->modelName,
-                           m->softwareVer,
-                           m->modular,
-                           m->modularPles.join(','),
-                           QString::number(m->enableGuide),
-                           m->seriaNum}
+    return m ? QStringList{m->startOn, m->endOn, m->ple, m->modelName, m->softwareVer, m->modular,
+                   m->modularPles.join(','), QString::number(m->enableGuide), m->seriaNum}
                    .join('|')
              : "ended";
 }
@@ -99,7 +92,7 @@ step calibration(QStringList classes, QStringList pls)
 {
     return [=](manager_ptr& m) {
         call(m, &W::create_calibrate_inifo, QStringList{"m1", "m2"}, "3.1", "dev.ple", "K300", "M", pls, "S", "E",
-             classes, QStringList{"s1", "s2"}, QStringList{"e1"}, QStringList{"ok"}, 1);
+            classes, QStringList{"s1", "s2"}, QStringList{"e1"}, QStringList{"ok"}, 1);
         return only_record();
     };
 }
@@ -132,7 +125,7 @@ step feedback(QString ple, QStringList pls = {"P"}, QString modular = "M")
 {
     return [=](manager_ptr& m) {
         return call(m, &W::create_userfeedback_info, ple, "3.1", "K300", modular, pls, 1, "u@x.y", "dental", "fine",
-                    QStringList{"a.png", QString::fromUtf8("图.jpg")});
+            QStringList{"a.png", QString::fromUtf8("图.jpg")});
     };
 }
 
@@ -213,6 +206,8 @@ private:
     std::unique_ptr<scoped_working_dir> dir_;
 };
 
+// Rows of a table, one row a line: clang-format leaves them as they are.
+// clang-format off
 void tst_records::builders_data()
 {
     QTest::addColumn<step>("write");
@@ -227,62 +222,41 @@ void tst_records::builders_data()
     const QString utc_file = R"(\d{4}-\d\d-\d\dT\d\d-\d\d-\d\dZ\.info2)";
     const QString now = "<now>|<now>|", now_usage = R"({"tracingType":"usage","startOn":"<now>","endOn":"<now>")";
 
-    row(
-        "usage: identity, machine numbers converted, fewer GPU sizes than models",
-        [](manager_ptr& m) {
-            m->setSoftwareName("Studio");
-            m->setDeviceSerial("SN1");
-            m->set_sn("ignored");
-            m->cpuCores = "4294967297";
-            m->cpuModel = "cpu";
-            m->memSize = "17179869184";
-            m->hddSize = "disk";
-            m->hddRemainSize = " -5 ";
-            m->gpuModels = QStringList{"A", "B"};
-            m->gpuMemSizes = QStringList{"4096"};
+    row("usage: identity, machine numbers converted, fewer GPU sizes than models", [](manager_ptr& m) {
+            m->setSoftwareName("Studio"); m->setDeviceSerial("SN1"); m->set_sn("ignored");
+            m->cpuCores = "4294967297"; m->cpuModel = "cpu"; m->memSize = "17179869184"; m->hddSize = "disk";
+            m->hddRemainSize = " -5 "; m->gpuModels = QStringList{"A", "B"}; m->gpuMemSizes = QStringList{"4096"};
             return usage()(m);
-        },
-        usage_file, "usage", now_usage + R"(,"softwareName":"Studio","seriaNum":"SN1","osHdExt":{"cpu":[{"cpuCores":0,
+        }, usage_file, "usage", now_usage + R"(,"softwareName":"Studio","seriaNum":"SN1",
+            "osHdExt":{"cpu":[{"cpuCores":0,
             "cpuModel":"cpu"}],"memSize":17179869184,"gpu":[{"gpuModel":"A","gpuMemSize":4096},{"gpuModel":"B"}],
             "hddSize":0,
-            "hddRemainSize":-5}})",
-        now + "dev.ple|K300|3.1|||0|SN1");
-    row(
-        "usage: guide 1, a module without profiles",
-        [](manager_ptr& m) {
+            "hddRemainSize":-5}})", now + "dev.ple|K300|3.1|||0|SN1");
+    row("usage: guide 1, a module without profiles", [](manager_ptr& m) {
             m->modularPles = QStringList{"stale"};
             return usage("", 1, "M")(m);
-        },
-        usage_file, "usage", now_usage + R"(,"enableGuide":"yes","modularExt":{"ple":"dev.ple","modular":[{"name":"M",
-            "sn":"","mple":""}]}})",
-        now + "dev.ple|K300|3.1|M||1|");
-    row(
-        "usage: guide 2 is no; a later call rewrites the file, with a start of its own, not stored",
+        }, usage_file, "usage", now_usage + R"(,"enableGuide":"yes","modularExt":{"ple":"dev.ple",
+            "modular":[{"name":"M",
+            "sn":"","mple":""}]}})", now + "dev.ple|K300|3.1|M||1|");
+    row("usage: guide 2 is no; a later call rewrites the file, with a start of its own, not stored",
         [](manager_ptr& m) {
             QString ple = "first.ple", ver = "1", model = "K1", modular = "first";
             m->create_usage_inifo("", ple, ver, model, modular, 1);
             return usage("not a time", 2)(m);
-        },
-        usage_file, "usage", R"({"tracingType":"usage","startOn":"not a time","endOn":"<now>"})",
+        }, usage_file, "usage", R"({"tracingType":"usage","startOn":"not a time","endOn":"<now>"})",
         now + "dev.ple|K300|3.1|||2|");
-    row(
-        "usage: the end time written as the manager ends",
-        [](manager_ptr& m) {
+    row("usage: the end time written as the manager ends", [](manager_ptr& m) {
             const QString path = usage()(m);
             m->usageRecord["endOn"] = "stale";  // rewritten from the record in memory
             m->usageRecord["marker"] = 42;
             m.reset();
             return path;
-        },
-        usage_file, "usage", now_usage + R"(,"marker":42})", "ended");
-    row(
-        "usage: the uploader's manager starts no period",
-        [](manager_ptr& m) {
+        }, usage_file, "usage", now_usage + R"(,"marker":42})", "ended");
+    row("usage: the uploader's manager starts no period", [](manager_ptr& m) {
             QCoreApplication::setApplicationName("information_uploader");
             m = std::make_unique<windows_information_imp>();
             return usage()(m);
-        },
-        R"(\.info2)", "usage", R"({"tracingType":"usage","startOn":"","endOn":""})", "||dev.ple|K300|3.1|||0|");
+        }, R"(\.info2)", "usage", R"({"tracingType":"usage","startOn":"","endOn":""})", "||dev.ple|K300|3.1|||0|");
 
     row("calibration: shorter lists leave fields empty; the first empty profile listed, later ones skipped",
         calibration({"c1", "c2", "c3"}, {"", "A", "", "B"}), utc_file, "calibration", R"({"tracingType":"calibration",
@@ -293,11 +267,10 @@ void tst_records::builders_data()
             {"name":"M","sn":"","mple":""},{"name":"M","sn":"","mple":"A"},{"name":"M","sn":"","mple":"B"}]}})",
         "S|E|dev.ple|K300|3.1|M|,A,,B|1|");
     row("share: its own identity, the version and profiles stored before", then(calibration({}, {"P1", "P2"}), share()),
-        utc_file, "share",
-        R"({"tracingType":"share","modelName":"K400","startOn":"S2","endOn":"E2","content":{"target":"t",
+        utc_file, "share", R"({"tracingType":"share","modelName":"K400","startOn":"S2","endOn":"E2",
+            "content":{"target":"t",
             "name":"n","account":"a"},"modularExt":{"ple":"share.ple","modular":[{"name":"S","sn":"","mple":"P1"},
-            {"name":"S","sn":"","mple":"P2"}]}})",
-        "S2|E2|share.ple|K400|3.1|S|P1,P2|0|");
+            {"name":"S","sn":"","mple":"P2"}]}})", "S2|E2|share.ple|K400|3.1|S|P1,P2|0|");
     row("usage after a share: its period carried, profiles emptied",
         then(then(calibration({}, {"P"}), share()), usage()), usage_file, "usage",
         R"({"tracingType":"usage","startOn":"S2","endOn":"E2"})", "S2|E2|dev.ple|K300|3.1|||0|");
@@ -305,56 +278,37 @@ void tst_records::builders_data()
     const QString scan_file = R"(\d{4}-\d\d-\d\dT\d\d-\d\d-(0?(\d\d?))\.\1\2Z\.info2)";  // "ss.sss": the seconds twice
     row("scan: modes, alignment lists, box in single precision", scan([](_tag_scan_info& i) {
             i.modes = {{"ms", "me", "hd", "8", "on", {"marker", "feature"}, "turntable"}, {}};
-            i.texture = "tx";
-            i.totalPoint = "1200";
-            i.pointDis = "0.2";
-            i.length = "0.1";
-            i.width = "2";
-            i.height = "0.3";
-            i.handHeldPointGenWay = "hw";
-            i.meshType = "watertight";
-            i.fileName = "a.stl";
-        }),
-        scan_file, "scan",
-        R"({"tracingType":"scan","softwareVer":"","modularExt":{"ple":"dev.ple","modular":[{"name":"M",
+            i.texture = "tx"; i.totalPoint = "1200"; i.pointDis = "0.2";
+            i.length = "0.1"; i.width = "2"; i.height = "0.3";
+            i.handHeldPointGenWay = "hw"; i.meshType = "watertight"; i.fileName = "a.stl";
+        }), scan_file, "scan", R"({"tracingType":"scan","softwareVer":"","modularExt":{"ple":"dev.ple",
+            "modular":[{"name":"M",
             "sn":"","mple":""}]},"content":{"mode":[{"startOn":"ms","endOn":"me","classsify":"hd","turntableSteps":"8",
             "hdr":"on","alignMode":["marker","feature"],"modular":"turntable"},{"startOn":"","endOn":"","classsify":"",
             "turntableSteps":"","hdr":"","alignMode":[],"modular":""}],"texture":"tx","totalPoint":1200,
             "pointDis":"0.2",
             "handHeldPointGenWay":"hw","meshType":"watertight","fileName":"a.stl",
-            "box":{"length":0.10000000149011612,"width":2,"height":0.30000001192092896}}})",
-        "S|E|dev.ple|K300||M||0|");
+            "box":{"length":0.10000000149011612,"width":2,"height":0.30000001192092896}}})", "S|E|dev.ple|K300||M||0|");
     row("scan: no 32-bit count, no finite float, a fraction widened, blanks; a profile without a module name",
         scan([](_tag_scan_info& i) {
-            i.totalPoint = "4294967296";
-            i.length = "nan";
-            i.width = "-0.1";
-            i.height = " 7 ";
-            i.modular = "";
+            i.totalPoint = "4294967296"; i.length = "nan"; i.width = "-0.1"; i.height = " 7 "; i.modular = "";
             i.modularPles = QStringList{"A"};
-        }),
-        scan_file, "scan",
-        R"({"tracingType":"scan","softwareVer":"","modularExt":{"ple":"dev.ple","modular":[{"name":"",
+        }), scan_file, "scan", R"({"tracingType":"scan","softwareVer":"","modularExt":{"ple":"dev.ple",
+            "modular":[{"name":"",
             "sn":"","mple":"A"}]},"content":{"texture":"","pointDis":"","handHeldPointGenWay":"","meshType":"",
             "fileName":"",
-            "totalPoint":0,"box":{"length":0,"width":-0.10000000149011612,"height":7}}})",
-        "S|E|dev.ple|K300|||A|0|");
-    row(
-        "flat scan: the envelope's tracing type, nothing stored",
-        [](manager_ptr& m) {
-            m->startOn = "S";
-            m->endOn = "E";
-            call(m, &W::create_scan_inifo, "1.5", "2", "3", "f.stl", "way", "mesh", "marker", "cls", "hdr", "top", "s",
-                 "e", "0.1", "tex", "12a", "77", 1);
+            "totalPoint":0,"box":{"length":0,"width":-0.10000000149011612,"height":7}}})", "S|E|dev.ple|K300|||A|0|");
+    row("flat scan: the envelope's tracing type, nothing stored", [](manager_ptr& m) {
+            m->startOn = "S"; m->endOn = "E";
+            call(m, &W::create_scan_inifo, "1.5", "2", "3", "f.stl", "way", "mesh", "marker", "cls", "hdr", "top",
+                 "s", "e", "0.1", "tex", "12a", "77", 1);
             return only_record();
-        },
-        utc_file, "scan",
-        R"({"tracingType":"usage","modelName":"","softwareVer":"","modularExt":{"ple":""},"height":"1.5",
+        }, utc_file, "scan", R"({"tracingType":"usage","modelName":"","softwareVer":"","modularExt":{"ple":""},
+            "height":"1.5",
             "length":"2","width":"3","fileName":"f.stl","handHeldPointGenWay":"way","meshType":"mesh",
             "alignMode":"marker",
             "classsify":"cls","hdr":"hdr","modular":"top","startOn":"s","endOn":"e","pointDis":"0.1","texture":"tex",
-            "totalPoint":"12a","totalFaces":"77"})",
-        "S|E||||||0|");
+            "totalPoint":"12a","totalFaces":"77"})", "S|E||||||0|");
 
     const QString feedback_record = R"({"tracingType":"feedback","enableGuide":"yes","startOn":"<now>","endOn":"<now>",
         "content":{"email":"u@x.y","industry":"dental","content":"fine","attachs":["a.png","图.jpg"]},
@@ -377,16 +331,14 @@ void tst_records::builders_data()
 
     // set_ple repeats a K300 profile's tail after a variant, where feedback and scores drop the variant.
     const QStringList ples{"abc-xK300.ple", "abc-xK300.pleK300.ple", "ab-1K300.PLE", "ab-1K300.PLEK300.PLE",
-                           "abc-K300.ple",  "abc-K300.ple",          "-xK300.ple",   "-xK300.ple"};
+                           "abc-K300.ple", "abc-K300.ple", "-xK300.ple", "-xK300.ple"};
     for (int i = 0; i < ples.size(); i += 2)
-        row(
-            qPrintable("set_ple " + ples[i]),
-            [ple = ples[i]](manager_ptr& m) {
+        row(qPrintable("set_ple " + ples[i]), [ple = ples[i]](manager_ptr& m) {
                 m->set_ple(ple);
                 return QString();
-            },
-            "", "", "", now + ples[i + 1] + "|||||0|");
+            }, "", "", "", now + ples[i + 1] + "|||||0|");
 }
+// clang-format on
 
 void tst_records::builders()
 {
@@ -399,7 +351,7 @@ void tst_records::builders()
     auto m = new_manager();
     const QString path = write(m);
     QVERIFY2(QRegularExpression("^" + files + "$").match(record_files().join(' ')).hasMatch(),
-             qPrintable(record_files().join(' ')));
+        qPrintable(record_files().join(' ')));
     if (!type.isEmpty()) {
         const record_file written = read_record(path);
         QCOMPARE(written.type, type);
@@ -449,11 +401,13 @@ type=share
     QCOMPARE(read_file(out.fileName()), "\r\n create_usage_inifo=" + path.toUtf8() + " ");
 }
 
+// Rows of a table, one row a line: clang-format leaves them as they are.
+// clang-format off
 void tst_records::name_taken_data()
 {
-    QTest::addColumn<QString>("kinds");    // written in turn: Usage (each by a manager of its own), Calibration, Share,
+    QTest::addColumn<QString>("kinds");  // written in turn: Usage (each by a manager of its own), Calibration, Share,
     QTest::addColumn<QByteArray>("zone");  // Flat scan, structured scan (X), feedback (B), scoRe
-    QTest::addColumn<int>("shift");        // seconds the clock moves before the second record
+    QTest::addColumn<int>("shift");  // seconds the clock moves before the second record
     for (const QByteArray zone : {"UTC0", "<+08>-8"})  // a run of 8 hours at UTC+8 names its feedback like its usage
         for (const QString kinds : {"UU", "UB", "BU", "BB", "RR", "CC", "CS", "CF", "SS", "SF", "FF", "XX"}) {
             const int shift = zone == "UTC0" ? 0 : kinds == "UB" ? 28800 : kinds == "BU" ? -28800 : 0;
@@ -461,6 +415,7 @@ void tst_records::name_taken_data()
         }
     QTest::newRow("100 structured scans in one second") << QString(100, 'X') << QByteArray("UTC0") << 0;
 }
+// clang-format on
 
 void tst_records::name_taken()
 {
@@ -480,17 +435,12 @@ void tst_records::name_taken()
         const QStringList before = record_files();
         if (kinds[i] == 'U' || managers.empty())
             managers.push_back(std::make_unique<W>());
-        const QString returned = QMap<QChar, step>{{'U', usage()},
-                                                   {'C', calibration({n}, {})},
-                                                   {'S', share(n)},
-                                                   {'X', scan([=](_tag_scan_info& s) { s.fileName = n; })},
-                                                   {'B', feedback(n + ".ple")},
-                                                   {'R', score(n, "p")},
-                                                   {'F', [=](manager_ptr& m) {
-                                                        call(m, &W::create_scan_inifo, "", "", "", n, "", "", "", "",
-                                                             "", "", "", "", "", "", "", "", 0);
-                                                        return QString();
-                                                    }}}[kinds[i]](managers.back());
+        const QString returned = QMap<QChar, step>{{'U', usage()}, {'C', calibration({n}, {})}, {'S', share(n)},
+            {'X', scan([=](_tag_scan_info& s) { s.fileName = n; })}, {'B', feedback(n + ".ple")}, {'R', score(n, "p")},
+            {'F', [=](manager_ptr& m) {
+                 call(m, &W::create_scan_inifo, "", "", "", n, "", "", "", "", "", "", "", "", "", "", "", "", 0);
+                 return QString();
+             }}}[kinds[i]](managers.back());
         // Each record under the first free name: <stem>.<ext>, <stem>-1.<ext>, ...; a builder that returns a
         // path returns it.
         paths << (i == 0 ? "./veltrainfo/" + record_files().value(0)
@@ -515,6 +465,8 @@ void tst_records::name_taken()
     }
 }
 
+// Rows of a table, one row a line: clang-format leaves them as they are.
+// clang-format off
 void tst_records::not_written_data()
 {
     QTest::addColumn<QString>("disk");
@@ -523,6 +475,7 @@ void tst_records::not_written_data()
     QTest::newRow("one block free: QSettings' own save comes out empty") << "block";  // private copies on that disk
     QTest::newRow("exactly full") << "full";
 }
+// clang-format on
 
 void tst_records::not_written()
 {
@@ -545,7 +498,7 @@ void tst_records::not_written()
         QVERIFY2(QDir().mkpath("veltrainfo/tmp") && unshare(CLONE_NEWNS) == 0 &&
                      mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
                      mount("tmpfs", folder, "tmpfs", 0, "size=256k") == 0 && QDir().mkpath("veltrainfo/tmp"),
-                 strerror(errno));
+            strerror(errno));
         path = usage()(m);
         before = read_file(path);
         qputenv("TMPDIR", disk == "block" ? folder + "/tmp" : tmp);
@@ -559,7 +512,7 @@ void tst_records::not_written()
     }
     glog_capture log;
     for (const step& write : {usage(), calibration({"c"}, {}), share(), scan([](_tag_scan_info&) {}),
-                              feedback("dev.ple"), score("5", "dev.ple")})
+             feedback("dev.ple"), score("5", "dev.ple")})
         write(m);
     m.reset();
     const QRegularExpression not_written(R"(^record not written: \./veltrainfo/[^ ]+\.(info2|score2) \(.+\)$)");
@@ -582,18 +535,19 @@ void tst_records::swapped_while_read()
     write_file(bad, QByteArray(R"([General]|type=@Variant(\0\0\0\v\x7f\xff\xff\xff)|)").replace('|', '\n'));
     std::atomic<bool> stop{false};
     const std::shared_ptr<std::thread> swapper(new std::thread([&] {
-                                                   for (int i = 0; !stop; ++i)
-                                                       link(qPrintable(i % 2 ? good : bad),
-                                                            qPrintable(record + ".new"));
-                                                   rename(qPrintable(record + ".new"), qPrintable(record));
-                                               }),
-                                               [&](std::thread* t) { stop = true, t->join(), delete t; });
+        for (int i = 0; !stop; ++i)
+            link(qPrintable(i % 2 ? good : bad), qPrintable(record + ".new"));
+        rename(qPrintable(record + ".new"), qPrintable(record));
+    }),
+        [&](std::thread* t) { stop = true, t->join(), delete t; });
     W m;
     QString data, type;
     for (int i = 0; i < 10000; ++i)  // readers that opened the path twice failed within a few thousand reads
         QVERIFY(m.get_scan_info(record, data, type) == -1 || type == "t");
 }
 
+// Rows of a table, one row a line: clang-format leaves them as they are.
+// clang-format off
 void tst_records::get_scan_info_data()
 {
     QTest::addColumn<QByteArray>("file");  // null: no file at all
@@ -602,36 +556,28 @@ void tst_records::get_scan_info_data()
     QTest::addColumn<QString>("type");
     QTest::addColumn<QString>("log");
     const QString variant = "get_scan_info refused record.info2: holds a serialised QVariant";
-    QTest::newRow("missing file") << QByteArray() << -1 << "kept"
-                                  << "kept"
-                                  << "file not existrecord.info2";
-    QTest::newRow("no data key") << QByteArray("[General]\ntype=share\n") << 0 << "<null>"
-                                 << "share"
-                                 << "";
+    QTest::newRow("missing file") << QByteArray() << -1 << "kept" << "kept" << "file not existrecord.info2";
+    QTest::newRow("no data key") << QByteArray("[General]\ntype=share\n") << 0 << "<null>" << "share" << "";
     QTest::newRow("data cut at NUL") << QByteArray("[General]\ndata=@ByteArray(ab\\0cd)\ntype=t\n") << 0 << "ab"
-                                     << "t"
-                                     << "";
+        << "t" << "";
     QTest::newRow("variant text inside a record")
-        << QByteArray("[General]\ndata=\"@ByteArray(a,@Variant(\\0))\"\ntype=t\n") << 0 << "a,@Variant("
-        << "t"
-        << "";
+        << QByteArray("[General]\ndata=\"@ByteArray(a,@Variant(\\0))\"\ntype=t\n") << 0 << "a,@Variant(" << "t" << "";
     // QSettings would decode these with QDataStream (a list of 2^31 entries is among the fuzz inputs kept).
-    QTest::newRow("nested 200,000 deep") << "[General]\ntype=usage\ndata=@Variant(" +
-                                                QByteArray(R"(\0\0\0\t\0\0\0\x1)").repeated(200000) + ")\n"
-                                         << -1 << "kept"
-                                         << "kept" << variant;
+    QTest::newRow("nested 200,000 deep")
+        << "[General]\ntype=usage\ndata=@Variant(" + QByteArray(R"(\0\0\0\t\0\0\0\x1)").repeated(200000) + ")\n" << -1
+        << "kept" << "kept" << variant;
     QTest::newRow("escaped, quoted, in a list, beside data")
-        << QByteArray("[General]\ndata=@ByteArray(x)\nk=a, \"\\100DateTime(\\0\\0\\0\\v\\0\\x7f\\xff\\xff\\xff)\"\n")
-        << -1 << "kept"
-        << "kept" << variant;
+        << QByteArray("[General]\ndata=@ByteArray(x)\n"
+                      "k=a, \"\\100DateTime(\\0\\0\\0\\v\\0\\x7f\\xff\\xff\\xff)\"\n") << -1
+        << "kept" << "kept" << variant;
     QTest::newRow("larger than 16 MiB") << "[General]\ntype=t\ndata=" + QByteArray(16 << 20, 'x') << -1 << "kept"
-                                        << "kept"
-                                        << "get_scan_info refused record.info2: larger than 16 MiB";
-    QTest::newRow("a link to /proc/kmsg, which blocks: not a record, like a pipe")
-        << QByteArray("<kmsg>") << -1 << "kept"
         << "kept"
+        << "get_scan_info refused record.info2: larger than 16 MiB";
+    QTest::newRow("a link to /proc/kmsg, which blocks: not a record, like a pipe") << QByteArray("<kmsg>") << -1
+        << "kept" << "kept"
         << "get_scan_info refused record.info2: not a regular file";
 }
+// clang-format on
 
 void tst_records::get_scan_info()
 {
@@ -653,6 +599,8 @@ void tst_records::get_scan_info()
     QCOMPARE(glog.lines().join('|'), log);
 }
 
+// Rows of a table, one row a line: clang-format leaves them as they are.
+// clang-format off
 void tst_records::upload_config_data()
 {
     QTest::addColumn<QVariantMap>("system");
@@ -682,17 +630,15 @@ void tst_records::upload_config_data()
     row("test mode with urls set", {{"test", 2}, {"enable", 1}}, {},
         set_urls("https://rel", "https://tst", "", "https://tst/up"),
         "1 60 https://tst <T> | https://rel https://tst | https://tst/up <cdn> 20");
-    row(
-        "url_config read once, system.ini as it is when read", {}, url_config,
-        [](manager_ptr& m) {
+    row("url_config read once, system.ini as it is when read", {}, url_config, [](manager_ptr& m) {
             call(m, &W::get_upload_config, 0, 0, "", "", "");
             write_ini("res/system.ini", {{"enable", 1}, {"time_intval", 15}, {"connect_time", 5}});
             return write_ini("url_config.ini", {{"upload_url", "https://second.example"}}), "";
-        },
-        "1 15 https://first.example <R> | https://first.example | <files> <cdn> 5");
+        }, "1 15 https://first.example <R> | https://first.example | <files> <cdn> 5");
     row("serialised QVariants: neither file read", {{"enable", QVariantMap{{"k", 1}}}, {"time_intval", 15}},
         {{"upload_url", QVariantMap{{"k", 1}}}}, set_urls("", ""), "0 60 <release> <R> | <release> | <files> <cdn> 20");
 }
+// clang-format on
 
 void tst_records::upload_config()
 {
@@ -720,10 +666,12 @@ void tst_records::upload_config()
                  .replace("https://" CDN_HOST, "<cdn>")
                  .replace(collector::kReleaseAppId, "<R>")
                  .replace(collector::kTestAppId, "<T>"),
-             expected);
+        expected);
     QCOMPARE(extra, QString("untouched"));
 }
 
+// Rows of a table, one row a line: clang-format leaves them as they are.
+// clang-format off
 void tst_records::due_and_expired_data()
 {
     QTest::addColumn<QVariantMap>("system");
@@ -732,11 +680,12 @@ void tst_records::due_and_expired_data()
     QTest::addColumn<QString>("due");        // listed by get_upload_files, oldest first
     QTest::addColumn<QString>("expired");    // deleted by clear_timeout_file, oldest first
     const auto row = [](const char* name, QVariantMap system, QString start, QStringList files, QString due,
-                        QString expired) { QTest::newRow(name) << system << start << files << due << expired; };
+                        QString expired) {
+        QTest::newRow(name) << system << start << files << due << expired;
+    };
     row("due from one day; other files never", {}, "0 12:00:00",
         {"older|5|12:00:00", "today|0|08:00:00", "yesterday|1|12:00:00", "a.score2|90|08:00:00", "b.txt|90|08:00:00",
-         "c.info2.bak|90|08:00:00"},
-        "older yesterday", "");
+         "c.info2.bak|90|08:00:00"}, "older yesterday", "");
     row("start just after midnight", {}, "0 00:00:30", {"before|1|23:59:59", "after|0|00:00:01"}, "before", "");
     row("minimum 0: up to the start's day", {{"uploadintval", 0}}, "1 12:00:00",
         {"later-that-day|1|23:00:00", "today|0|00:00:01", "old|3|09:00:00"}, "old later-that-day", "");
@@ -744,16 +693,13 @@ void tst_records::due_and_expired_data()
         "three two", "");
     row("no start_time: every age is 0", {}, "", {"old|20|00:00:00"}, "", "");
     row("no start_time, minimum 0", {{"uploadintval", 0}}, "", {"old|20|00:00:00"}, "old", "");
-    row("equal times by name, case-sensitively", {{"uploadintval", 0}}, "0 12:00:00",
-        {"b|1|10:00:00", "B|1|10:00:00", "aa|1|10:00:00", "a|1|10:00:00", "c|1|10:00:00", "Z|1|10:00:00.001",
-         "y|1|09:59:59.999"},
-        "y c b aa a B Z", "");
-    row("expired after 30 days", {}, "",
-        {"d30|30|12:00:00", "d31|31|12:00:00", "d45|45|08:00:00", "today|0|00:00:00", "late|31|23:59:59",
-         "early|30|00:00:00", "old.score2|90|00:00:00", "old.txt|90|00:00:00"},
-        "", "d45 d31 late");
+    row("equal times by name, case-sensitively", {{"uploadintval", 0}}, "0 12:00:00", {"b|1|10:00:00", "B|1|10:00:00",
+        "aa|1|10:00:00", "a|1|10:00:00", "c|1|10:00:00", "Z|1|10:00:00.001", "y|1|09:59:59.999"}, "y c b aa a B Z", "");
+    row("expired after 30 days", {}, "", {"d30|30|12:00:00", "d31|31|12:00:00", "d45|45|08:00:00", "today|0|00:00:00",
+        "late|31|23:59:59", "early|30|00:00:00", "old.score2|90|00:00:00", "old.txt|90|00:00:00"}, "", "d45 d31 late");
     row("remain 0: only today kept", {{"remain", 0}}, "", {"today|0|00:00:00", "d1|1|23:59:59"}, "", "d1");
 }
+// clang-format on
 
 void tst_records::due_and_expired()
 {
@@ -772,8 +718,8 @@ void tst_records::due_and_expired()
         left << QFileInfo(path(f[0])).fileName();
         write_file(path(f[0]), "[General]\ntype=usage\n");
         QFile record(path(f[0]));
-        const QDateTime modified(QDate::currentDate().addDays(-f[1].toInt()),
-                                 QTime::fromString(f[2], Qt::ISODateWithMs));
+        const QDateTime modified(
+            QDate::currentDate().addDays(-f[1].toInt()), QTime::fromString(f[2], Qt::ISODateWithMs));
         QVERIFY(record.open(QIODevice::Append) && record.setFileTime(modified, QFileDevice::FileModificationTime));
     }
     if (!files.isEmpty())
@@ -781,7 +727,7 @@ void tst_records::due_and_expired()
     const QDateTime start_time = start.isEmpty()
                                      ? QDateTime()
                                      : QDateTime(QDate::currentDate().addDays(-start.section(' ', 0, 0).toInt()),
-                                                 QTime::fromString(start.section(' ', 1), "hh:mm:ss"));
+                                           QTime::fromString(start.section(' ', 1), "hh:mm:ss"));
     QCoreApplication::instance()->setProperty("start_time", start_time);
     windows_information_imp m;
 
@@ -801,6 +747,8 @@ void tst_records::due_and_expired()
     QCOMPARE(QDir("veltrainfo").entryList(QDir::Files, QDir::Name), left);
 }
 
+// Rows of a table, one row a line: clang-format leaves them as they are.
+// clang-format off
 void tst_records::layout_data()
 {
     QTest::addColumn<QString>("actual");
@@ -808,77 +756,69 @@ void tst_records::layout_data()
     using I = VeltraInfoMgr;
     // Entries 0 and 1 hold the two destructors of the virtual destructor.
     QTest::newRow("manager's operations")
-        << slots_of(&I::setSoftwareName, &I::add_scan_info, &I::create_calibrate_inifo, &I::create_share_inifo,
-                    &I::create_usage_inifo, &I::add_user_score, &I::create_userfeedback_info, &I::clear_timeout_file,
-                    &I::get_upload_files, &I::get_reconnect_intval, &I::set_ple, &I::set_sn, &I::get_upload_config,
-                    &I::get_scan_info, &I::get_score_files, &I::get_domain_manger_url, &I::set_upload_url,
-                    &I::downloadApp, &I::getUploadFileUrl, &I::setUploadFileUrl, &I::end_usage_info,
-                    &I::begin_calib_info, &I::end_calib_info, &I::begin_scan_info, &I::end_scan_info,
-                    &I::setDeviceSerial, &I::setSoftwareVer)
+        << slots_of(&I::setSoftwareName, &I::add_scan_info, &I::create_calibrate_inifo,
+        &I::create_share_inifo, &I::create_usage_inifo, &I::add_user_score, &I::create_userfeedback_info,
+        &I::clear_timeout_file, &I::get_upload_files, &I::get_reconnect_intval, &I::set_ple, &I::set_sn,
+        &I::get_upload_config, &I::get_scan_info, &I::get_score_files, &I::get_domain_manger_url, &I::set_upload_url,
+        &I::downloadApp, &I::getUploadFileUrl, &I::setUploadFileUrl, &I::end_usage_info, &I::begin_calib_info,
+        &I::end_calib_info, &I::begin_scan_info, &I::end_scan_info, &I::setDeviceSerial, &I::setSoftwareVer)
         << "2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 20 21 22 23 24 25 26 27 28";
     QTest::newRow("implementation's own") << slots_of(&W::setSoftwareName, &W::setSoftwareVer, &W::create_scan_inifo,
-                                                      &W::get_os_info, &W::get_install_info, &W::get_cpu_info,
-                                                      &W::get_gpu_info, &W::get_memory_info, &W::get_default_browser)
-                                          << "2 28 29 30 31 32 33 34 35";
+        &W::get_os_info, &W::get_install_info, &W::get_cpu_info, &W::get_gpu_info, &W::get_memory_info,
+        &W::get_default_browser) << "2 28 29 30 31 32 33 34 35";
     QTest::newRow("sink, handler") << slots_of(&information_sink::on_response, &information_sink::on_download_progress,
-                                               &information_sink::on_download_finished, &json_handler::operator(),
-                                               &json_handler::processing)
-                                   << "2 3 4 2 3";
+        &information_sink::on_download_finished, &json_handler::operator(), &json_handler::processing) << "2 3 4 2 3";
     // QObject's eleven virtual entries (two destructors among them) and QThread::run come first; no
     // methods of its own in its meta-object.
     QTest::newRow("worker thread") << slots_of(&api_thread::run, &api_thread::start, &api_thread::stop) + " " +
-                                          QString::number(api_thread::staticMetaObject.methodCount() -
-                                                          QThread::staticMetaObject.methodCount())
-                                   << "12 13 14 0";
+        QString::number(api_thread::staticMetaObject.methodCount() - QThread::staticMetaObject.methodCount())
+        << "12 13 14 0";
 
     // LP64: a vtable pointer, then 8-byte Qt handles (QJsonObject and QObject are 16).
     W m;
     const I& base = m;
     QTest::newRow("manager's members")
-        << offsets(base, base.usageStart, base.modelName, base.seriaNum, base.softwareName, base.softwareVer,
-                   base.spareText1, base.startOn, base.endOn, base.osName, base.lang, base.resolution, base.spareText2,
-                   base.installPath, base.browserName, base.browserVersion, base.cpuCores, base.cpuModel, base.memSize,
-                   base.gpuModels, base.gpuMemSizes, base.hddSize, base.hddRemainSize, base.ple, base.modular,
-                   base.modularPles)
+        << offsets(base, base.usageStart, base.modelName, base.seriaNum, base.softwareName,
+        base.softwareVer, base.spareText1, base.startOn, base.endOn, base.osName, base.lang, base.resolution,
+        base.spareText2, base.installPath, base.browserName, base.browserVersion, base.cpuCores, base.cpuModel,
+        base.memSize, base.gpuModels, base.gpuMemSizes, base.hddSize, base.hddRemainSize, base.ple, base.modular,
+        base.modularPles)
         << "8 16 24 32 40 48 56 64 72 80 88 96 104 112 120 128 136 144 152 160 168 176 184 192 200 208";
-    QTest::newRow("implementation's members")
-        << offsets(m, m.enableGuide, m.systemSettings, m.spareText3, m.spareFlag, m.usageFilePath, m.usageRecord,
-                   m.releaseUploadUrl, m.testUploadUrl, m.releaseFileUploadUrl, m.testFileUploadUrl)
+    QTest::newRow("implementation's members") << offsets(m, m.enableGuide, m.systemSettings, m.spareText3, m.spareFlag,
+        m.usageFilePath, m.usageRecord, m.releaseUploadUrl, m.testUploadUrl, m.releaseFileUploadUrl,
+        m.testFileUploadUrl)
         << "208 216 232 240 248 256 272 280 288 296 304";
     _tag_scan_info s;  // every member one pointer wide but the modes (three)
     QTest::newRow("scan") << offsets(s, s.ple, s.modelName, s.modular, s.spare1, s.startOn, s.endOn, s.modes, s.texture,
-                                     s.totalPoint, s.pointDis, s.length, s.width, s.height, s.handHeldPointGenWay,
-                                     s.meshType, s.fileName, s.spare2, s.spare3, s.spare4, s.modularPles)
-                          << "0 8 16 24 32 40 48 72 80 88 96 104 112 120 128 136 144 152 160 168 176";
+        s.totalPoint, s.pointDis, s.length, s.width, s.height, s.handHeldPointGenWay, s.meshType, s.fileName, s.spare2,
+        s.spare3, s.spare4, s.modularPles) << "0 8 16 24 32 40 48 72 80 88 96 104 112 120 128 136 144 152 160 168 176";
     _tag_scan_mode mode;
     QTest::newRow("scan mode") << offsets(mode, mode.startOn, mode.endOn, mode.classsify, mode.turntableSteps, mode.hdr,
-                                          mode.alignMode, mode.modular)
-                               << "0 8 16 24 32 40 48 56";
+        mode.alignMode, mode.modular) << "0 8 16 24 32 40 48 56";
     response_info_t r;
     QTest::newRow("response") << offsets(r, r.ok, r.msg, r.ret, r.net_error, r.result, r.content)
                               << "0 8 16 20 24 32 48";
     http_connector c(0, nullptr, nullptr);
     QTest::newRow("connector") << offsets(c, c.rt_, c.timer_, c.manager, c.request_, c.reply_, c.bytes_received_,
-                                          c.last_activity_, c.sink_, c.id_, c.handler_, c.file_path_)
-                               << "16 24 32 40 48 56 64 72 80 88 96 104";
+        c.last_activity_, c.sink_, c.id_, c.handler_, c.file_path_) << "16 24 32 40 48 56 64 72 80 88 96 104";
     const QMetaObject& meta = http_connector::staticMetaObject;
     QStringList methods;
     for (int i = meta.methodOffset(); i < meta.methodCount(); ++i)
-        methods << meta.method(i).methodSignature() +
-                       (meta.method(i).methodType() == QMetaMethod::Signal ? " signal" : "");
-    QTest::newRow("connector's signals and slots")
-        << methods.join(' ')
+        methods << meta.method(i).methodSignature()
+                       + (meta.method(i).methodType() == QMetaMethod::Signal ? " signal" : "");
+    QTest::newRow("connector's signals and slots") << methods.join(' ')
         << "finished() signal replyFinished(QNetworkReply*) "
-           "replyDownload(QNetworkReply*) timeout_event() http_ready_read() "
-           "update_data_read_progress(qlonglong,qlonglong) "
-           "update_data_write_progress(qlonglong,qlonglong) error(QNetworkReply::NetworkError) "
-           "sslErrors(QList<QSslError>) "
-           "slot_onDownLoadFileReadyRead() slot_onDownLoadFileError(QNetworkReply::NetworkError) "
-           "slot_onDownLoadFileSSLError(QList<QSslError>) slot_onDownLoadFileDownloadProgress(qlonglong,qlonglong) "
-           "slot_onDownLoadFileFinished()";
+        "replyDownload(QNetworkReply*) timeout_event() http_ready_read() "
+        "update_data_read_progress(qlonglong,qlonglong) "
+        "update_data_write_progress(qlonglong,qlonglong) error(QNetworkReply::NetworkError) "
+        "sslErrors(QList<QSslError>) "
+        "slot_onDownLoadFileReadyRead() slot_onDownLoadFileError(QNetworkReply::NetworkError) "
+        "slot_onDownLoadFileSSLError(QList<QSslError>) slot_onDownLoadFileDownloadProgress(qlonglong,qlonglong) "
+        "slot_onDownLoadFileFinished()";
     QTest::newRow("response type name") << QString(QMetaType::typeName(qMetaTypeId<response_info_t>()))
                                         << "information_api::response_info_t";
 }
+// clang-format on
 
 // Reports made on another thread run in order on the receiver's thread; none once it is destroyed.
 void tst_records::queued_sink_reports()

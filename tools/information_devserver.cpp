@@ -57,7 +57,7 @@ int list(const fs::path& data_dir)
         const auto store = collector::open_store(collector::data_folder::default_database(data_dir.string()));
         store->list({}, 0, 0, [](const collector::stored_record& r) {
             std::printf("%lld %s %s (%zu bytes)\n", static_cast<long long>(r.id), r.received_at.c_str(), r.kind.c_str(),
-                        r.body.size());
+                r.body.size());
             return true;
         });
     } catch (const collector::store_error& e) {
@@ -70,7 +70,7 @@ int list(const fs::path& data_dir)
 void log_answer(const collection::received_request& request, int status)
 {
     std::printf("%s %s %s -> %d (%ju bytes)\n", qPrintable(QDateTime::currentDateTime().toString(Qt::ISODate)),
-                request.method.c_str(), request.target.c_str(), status, std::uintmax_t(request.body_size));
+        request.method.c_str(), request.target.c_str(), status, std::uintmax_t(request.body_size));
     std::fflush(stdout);
 }
 
@@ -89,8 +89,8 @@ int main(int argc, char** argv)
     const QCommandLineOption host_option("host", "Address to listen on (127.0.0.1).", "host", "127.0.0.1");
     const QCommandLineOption port_option("port", "Port, 1-65535 (default: one the system picks).", "n");
     const QCommandLineOption http_option("http", "Plain HTTP instead of HTTPS.");
-    const QCommandLineOption body_option("max-body-mb", "Largest body accepted, in MiB (64); larger ones get 413.", "n",
-                                         "64");
+    const QCommandLineOption body_option(
+        "max-body-mb", "Largest body accepted, in MiB (64); larger ones get 413.", "n", "64");
     const QCommandLineOption list_option("list", "List the accepted records and files in arrival order, then exit.");
     const QCommandLineOption delay_option("delay-ms", "Answer every request this late.", "ms");
     const QCommandLineOption silent_option("silent", "Never answer.");
@@ -98,7 +98,7 @@ int main(int argc, char** argv)
     const QCommandLineOption broken_option("broken", "Answer with a body that is not JSON.");
     const QCommandLineOption reset_option("reset", "Reset every connection halfway through the answer.");
     parser.addOptions({data_option, host_option, port_option, http_option, body_option, list_option, delay_option,
-                       silent_option, refuse_option, broken_option, reset_option});
+        silent_option, refuse_option, broken_option, reset_option});
     if (!parser.parse(app.arguments())) {
         std::fprintf(stderr, "information_devserver: %s\n", qPrintable(parser.errorText()));
         return 2;
@@ -115,7 +115,7 @@ int main(int argc, char** argv)
         if (ok && value >= low && value <= high)
             return true;
         std::fprintf(stderr, "information_devserver: --%s takes a number from %llu to %llu\n",
-                     qPrintable(option.names().first()), low, high);
+            qPrintable(option.names().first()), low, high);
         return false;
     };
     collection::service_options options;
@@ -169,8 +169,7 @@ int main(int argc, char** argv)
     }
     std::printf("listening on %s\n", service.base_url().c_str());
     if (options.tls)
-        std::printf(
-            "trust %s; public-key pin %s\n",
+        std::printf("trust %s; public-key pin %s\n",
             collector::data_folder::path(fs::absolute(service.data_dir()), collector::data_folder::kAuthority).c_str(),
             service.public_key_pin().c_str());
     std::fflush(stdout);

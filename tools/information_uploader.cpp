@@ -64,9 +64,9 @@ void check_system_settings(VeltraInfoMgr* manager, options& opts)
     const QVariant remain = system.value("remain");
     if (remain.isValid() && remain.toInt() <= 0) {  // what is not a whole number reads as 0
         std::fprintf(stderr,
-                     "warning: \"remain\" is \"%s\" in ./res/system.ini, not a positive whole "
-                     "number of days; no record expires\n",
-                     qPrintable(remain.toString()));
+            "warning: \"remain\" is \"%s\" in ./res/system.ini, not a positive whole "
+            "number of days; no record expires\n",
+            qPrintable(remain.toString()));
         opts.expire = false;
     }
     const QVariant interval = system.value("uploadintval", 1);
@@ -74,9 +74,9 @@ void check_system_settings(VeltraInfoMgr* manager, options& opts)
     opts.due_after_days = interval.toInt(&ok);
     if (!ok)
         std::fprintf(stderr,
-                     "warning: \"uploadintval\" is \"%s\" in ./res/system.ini, not a whole "
-                     "number of days; it reads as 0, every record is due\n",
-                     qPrintable(interval.toString()));
+            "warning: \"uploadintval\" is \"%s\" in ./res/system.ini, not a whole "
+            "number of days; it reads as 0, every record is due\n",
+            qPrintable(interval.toString()));
 }
 
 // A lock that names no process (empty or garbage: a run killed while creating it, a power loss;
@@ -111,9 +111,9 @@ int claim_record_folder(QLockFile& lock)
     QTemporaryFile probe("veltrainfo/.information_uploader.probe");
     if (!probe.open() || !probe.remove()) {
         std::fprintf(stderr,
-                     "cannot remove records from ./veltrainfo/ (%s); nothing sent, every "
-                     "run would send them again\n",
-                     qPrintable(probe.errorString()));
+            "cannot remove records from ./veltrainfo/ (%s); nothing sent, every "
+            "run would send them again\n",
+            qPrintable(probe.errorString()));
         return some_failed;
     }
     lock.setStaleLockTime(0);  // only a dead owner's lock is stale: a --watch run holds it for days
@@ -127,15 +127,15 @@ int claim_record_folder(QLockFile& lock)
     QString host, app;
     if (lock.getLockInfo(&pid, &host, &app)) {
         std::fprintf(stderr, "./veltrainfo/ is in use by %s (pid %lld on %s); nothing sent\n", qPrintable(app), pid,
-                     qPrintable(host));
+            qPrintable(host));
         return busy;
     }
     const QFileInfo in_place(kLockPath);
     if (in_place.isDir() && !in_place.isSymLink()) {  // a folder is not removed with what it holds
         std::fprintf(stderr,
-                     "%s is a folder that is not empty, not a lock; remove it to let uploads "
-                     "run; nothing sent\n",
-                     qPrintable(kLockPath));
+            "%s is a folder that is not empty, not a lock; remove it to let uploads "
+            "run; nothing sent\n",
+            qPrintable(kLockPath));
         return some_failed;
     }
     std::fprintf(stderr, "./veltrainfo/ is in use by another information_uploader; nothing sent\n");
@@ -226,8 +226,8 @@ removal remove_if_sent(const QString& file, const QByteArray& sent, QString& err
 // One pass over the due records: uploads them a few at a time, deletes each confirmed one.
 class upload_round : public QObject {
 public:
-    upload_round(VeltraInfoMgr* manager, const options& opts, QString url, QString app_id,
-                 std::function<void(int)> done)
+    upload_round(
+        VeltraInfoMgr* manager, const options& opts, QString url, QString app_id, std::function<void(int)> done)
         : manager_(manager), opts_(opts), url_(std::move(url)), app_id_(std::move(app_id)), done_(std::move(done)),
           sink_(this, [this](int id, const response_info_t& info) { on_report(id, info); }),
           tty_(isatty(fileno(stdout)))
@@ -272,9 +272,9 @@ private:
         }
         const QDateTime start = QCoreApplication::instance()->property("start_time").toDateTime();
         std::fprintf(stderr,
-                     "nothing due: %d records younger than %d \"uploadintval\" day(s) counted "
-                     "from start_time %s\n",
-                     records, opts_.due_after_days, qPrintable(start.toString("yyyy-MM-dd hh:mm")));
+            "nothing due: %d records younger than %d \"uploadintval\" day(s) counted "
+            "from start_time %s\n",
+            records, opts_.due_after_days, qPrintable(start.toString("yyyy-MM-dd hh:mm")));
     }
 
     void fill()
@@ -310,9 +310,9 @@ private:
             ++uploaded_;
             if (removed == removal::changed)
                 std::fprintf(stderr,
-                             "%s changed while it was sent: the new version stays for the "
-                             "next run\n",
-                             qPrintable(file));
+                    "%s changed while it was sent: the new version stays for the "
+                    "next run\n",
+                    qPrintable(file));
         } else if (info.ok) {
             fail(file, "uploaded, but not removed (" + error + "); the next run sends it again");
         } else {
@@ -348,7 +348,7 @@ private:
             std::printf("\n");
         const int left = records_in_folder();
         std::printf("uploaded %d of %d due records, %d failed; %d records left in ./veltrainfo/\n", uploaded_, total_,
-                    failed_, left);
+            failed_, left);
         std::fflush(stdout);
         if (failed_ > 0)
             std::fprintf(stderr, "%d records not uploaded; first failure: %s\n", failed_, qPrintable(first_failure_));
@@ -391,14 +391,14 @@ bool parse(const QCoreApplication& app, options& opts, QString& dir)
     const QCommandLineOption force_option("force", "Upload even when \"enable\" is 0.");
     const QCommandLineOption watch_option("watch", "Repeat every \"time_intval\" seconds.");
     const QCommandLineOption ca_option("ca-file",
-                                       "Verify the service: its certificate chain must lead to one "
-                                       "in FILE (PEM) and name its host. Without it, no certificate "
-                                       "is checked.",
-                                       "file");
+        "Verify the service: its certificate chain must lead to one "
+        "in FILE (PEM) and name its host. Without it, no certificate "
+        "is checked.",
+        "file");
     const QCommandLineOption pin_option("pin",
-                                        "With --ca-file: the service's public key must also have this "
-                                        "SHA-256 (base64 of its SubjectPublicKeyInfo); repeatable.",
-                                        "sha256");
+        "With --ca-file: the service's public key must also have this "
+        "SHA-256 (base64 of its SubjectPublicKeyInfo); repeatable.",
+        "sha256");
     parser.addOptions(
         {dir_option, url_option, timeout_option, dry_option, force_option, watch_option, ca_option, pin_option});
     if (!parser.parse(app.arguments())) {

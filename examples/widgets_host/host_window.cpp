@@ -330,7 +330,7 @@ void host_window::record_calibration()
     QStringList step_modules{d.module}, module_profiles{"tt-01.ple"}, step_classes{"plate"}, step_starts{start},
         step_ends{end}, step_results{"ok"};
     manager_->create_calibrate_inifo(step_modules, d.software_version, d.profile, d.model, d.module, module_profiles,
-                                     start, end, step_classes, step_starts, step_ends, step_results, 0);
+        start, end, step_classes, step_starts, step_ends, step_results, 0);
     log(tr("Calibration recorded"));
 }
 
@@ -345,8 +345,8 @@ void host_window::record_share()
 void host_window::record_score()
 {
     device d;
-    const QString path = manager_->add_user_score(QString::number(score_->value()), d.profile, d.software_version,
-                                                  d.model, d.module, "design", 0);
+    const QString path = manager_->add_user_score(
+        QString::number(score_->value()), d.profile, d.software_version, d.model, d.module, "design", 0);
     log(tr("Rated %1 of 10 (%2; scores stay on this machine)").arg(score_->value()).arg(QFileInfo(path).fileName()));
 }
 
@@ -410,8 +410,8 @@ void host_window::download_installer()
     QDir().mkpath("downloads");
     installer_path_ = QDir("downloads").absoluteFilePath(name.isEmpty() ? QString("installer") : name);
     const int id = next_connection_id_++;
-    if (information_api::download_verified(id, &sink_, services_.installer_url, installer_path_,
-                                           services_.installer_sha256, kDownloadStallMs) != 0) {
+    if (information_api::download_verified(
+            id, &sink_, services_.installer_url, installer_path_, services_.installer_sha256, kDownloadStallMs) != 0) {
         download_status_->setText(tr("The installer's SHA-256 must be 64 hexadecimal digits"));
         return;
     }

@@ -72,8 +72,8 @@ private:
     const service_locations services_;
     QString interface_base_url_;
     // Reports arrive on the library's worker thread; the sink queues each one to this window.
-    information_api::queued_sink sink_{
-        this, [this](int id, const information_api::response_info_t& info) { on_response(id, info); },
+    information_api::queued_sink sink_{this,
+        [this](int id, const information_api::response_info_t& info) { on_response(id, info); },
         [this](qint64 received, qint64 total) { on_download_progress(received, total); },
         [this](bool success, int code, int net_error) { on_download_finished(success, code, net_error); }};
     std::map<int, final_report_handler> open_connections_;

@@ -20,21 +20,20 @@ int main(int argc, char** argv)
         "fetches the interface file and downloads a verified installer.");
     parser.addHelpOption();
     const QCommandLineOption dir_option({"d", "dir"},
-                                        "Working directory: records in DIR/veltrainfo/, settings in DIR/res/system.ini "
-                                        "and DIR/url_config.ini.",
-                                        "dir");
-    const QCommandLineOption service_option(
-        "service",
+        "Working directory: records in DIR/veltrainfo/, settings in DIR/res/system.ini "
+        "and DIR/url_config.ini.",
+        "dir");
+    const QCommandLineOption service_option("service",
         "Base URL of the collection service, instead of the hosts built into the library "
         "(e.g. information_devserver's).",
         "url");
     const QCommandLineOption installer_option("installer-url", "Installer offered by \"Download installer\".", "url");
-    const QCommandLineOption sha256_option("installer-sha256", "The installer's SHA-256 (64 hexadecimal digits).",
-                                           "hex");
+    const QCommandLineOption sha256_option(
+        "installer-sha256", "The installer's SHA-256 (64 hexadecimal digits).", "hex");
     const QCommandLineOption ca_option("ca-file",
-                                       "Verify every server: its certificate chain must lead to one in FILE (PEM). "
-                                       "Without it, no certificate is checked.",
-                                       "file");
+        "Verify every server: its certificate chain must lead to one in FILE (PEM). "
+        "Without it, no certificate is checked.",
+        "file");
     parser.addOptions({dir_option, service_option, installer_option, sha256_option, ca_option});
     {
         // --help, or a bad option, prints and exits before the application needs a display.

@@ -11,14 +11,14 @@
 
 using information_api::VeltraInfoMgr;
 
-static void record_round(VeltraInfoMgr* m, QString version, QString model, const QString& serial, QString text,
-                         QStringList attachments)
+static void record_round(
+    VeltraInfoMgr* m, QString version, QString model, const QString& serial, QString text, QStringList attachments)
 {
     m->setDeviceSerial(serial);
     QString ple = "tt-K300.ple", modular = "turntable", start = "2026-11-23T08:00:00Z", end = "2026-11-23T08:02:00Z";
     QStringList modulars{modular}, ples{ple}, classes{"plate"}, starts{start}, ends{end}, results{text};
-    m->create_calibrate_inifo(modulars, version, ple, model, modular, ples, start, end, classes, starts, ends, results,
-                              1);
+    m->create_calibrate_inifo(
+        modulars, version, ple, model, modular, ples, start, end, classes, starts, ends, results, 1);
     information_api::_tag_scan_info scan;
     scan.ple = ple;
     scan.modelName = model;
@@ -43,10 +43,10 @@ int main(int argc, char** argv)
     record_round(m, "2.1.0", "K300", "SN-0001", "fine", {argv[2]});
     QThread::msleep(1100);
     record_round(m, "<script>document.title='pwned'</script>", "<img src=x onerror=\"document.title='pwned'\">",
-                 "\u202Egpj.exe" + QString(20000, 'W'),
-                 QString::fromUtf8("\u05E9\u05DC\u05D5\u05DD \u0645\u0631\u062D\u0628\u0627 </pre>"
-                                   "<b onmouseover=alert(1)>x"),
-                 {});
+        "\u202Egpj.exe" + QString(20000, 'W'),
+        QString::fromUtf8("\u05E9\u05DC\u05D5\u05DD \u0645\u0631\u062D\u0628\u0627 </pre>"
+                          "<b onmouseover=alert(1)>x"),
+        {});
     information_api::information_clean();
     return 0;
 }

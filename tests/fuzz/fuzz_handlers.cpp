@@ -53,8 +53,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     canned_reply reply(QByteArray(reinterpret_cast<const char*>(data), int(size)).mid(1));
     keeping_sink sink;
-    const std::function<int(QNetworkReply*)> handlers[] = {upload_handler(&sink, 1), upload_file_handler(&sink, 1),
-                                                           get_url_json_file_handler(&sink, 1)};
+    const std::function<int(QNetworkReply*)> handlers[] = {
+        upload_handler(&sink, 1), upload_file_handler(&sink, 1), get_url_json_file_handler(&sink, 1)};
     handlers[size > 0 ? data[0] % 3 : 0](&reply);
     // What every handler promises: one report (none: out_of_range, a crash too), a success as
     // (true, 0), a failure as (10, -2) with neither content nor result.

@@ -29,8 +29,8 @@ bool received_request::has_header(const std::string& name) const { return header
 
 int received_request::header_count(const std::string& name) const
 {
-    return int(std::count_if(headers.begin(), headers.end(),
-                             [&](const auto& h) { return collector::same_header_name(h.first, name); }));
+    return int(std::count_if(
+        headers.begin(), headers.end(), [&](const auto& h) { return collector::same_header_name(h.first, name); }));
 }
 
 struct collection_service::impl {
@@ -189,8 +189,8 @@ bool collection_service::start()
     collector::transport_options transport;
     if (d.options.tls) {
         collector::tls_settings tls{collector::data_folder::path(d.data_dir, collector::data_folder::kCertificate),
-                                    collector::data_folder::path(d.data_dir, collector::data_folder::kKey),
-                                    d.options.tls13_only, d.options.prompt_ack};
+            collector::data_folder::path(d.data_dir, collector::data_folder::kKey), d.options.tls13_only,
+            d.options.prompt_ack};
         if (!collector::ensure_local_certificates(d.data_dir, d.options.self_signed, d.error) ||
             !(transport.tls = collector::make_tls_context(tls, d.error)))
             return false;

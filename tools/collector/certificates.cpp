@@ -37,7 +37,7 @@ X509* issue_certificate(EVP_PKEY* key, const char* common_name, X509* issuer, EV
     X509_gmtime_adj(X509_getm_notAfter(cert), 10L * 365 * 24 * 3600);
     X509_set_pubkey(cert, key);
     X509_NAME_add_entry_by_txt(X509_get_subject_name(cert), "CN", MBSTRING_ASC,
-                               reinterpret_cast<const unsigned char*>(common_name), -1, -1, 0);
+        reinterpret_cast<const unsigned char*>(common_name), -1, -1, 0);
     X509_set_issuer_name(cert, X509_get_subject_name(issuer ? issuer : cert));
     X509V3_CTX ctx;
     X509V3_set_ctx_nodb(&ctx);

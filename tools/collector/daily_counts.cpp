@@ -170,13 +170,13 @@ std::vector<daily_count> postgres_daily_counts(PGconn* conn, const std::string& 
     PQclear(run(conn, "BEGIN"));
     PQclear(run(conn, "SELECT pg_advisory_xact_lock(7215393)"));
     PQclear(run(conn, ("WITH moved AS (DELETE FROM daily_counts_pending RETURNING *) INSERT INTO daily_counts " +
-                       pending_counts("moved") + kFoldConflict)
+                          pending_counts("moved") + kFoldConflict)
                           .c_str()));
     PQclear(run(conn, "COMMIT"));
     PGresult* r = run(conn,
-                      "SELECT to_char(day, 'YYYY-MM-DD'), dimension, value, n FROM daily_counts "
-                      "WHERE day BETWEEN $1::date AND $2::date AND n > 0",
-                      {first_day.c_str(), last_day.c_str()});
+        "SELECT to_char(day, 'YYYY-MM-DD'), dimension, value, n FROM daily_counts "
+        "WHERE day BETWEEN $1::date AND $2::date AND n > 0",
+        {first_day.c_str(), last_day.c_str()});
     std::vector<daily_count> rows;
     for (int i = 0; i < PQntuples(r); ++i) {
         daily_count row;
@@ -195,7 +195,7 @@ bool sqlite_find_attachment(sqlite3* db, const std::string& dfs_id, new_attachme
 {
     sqlite3_stmt* stmt = nullptr;
     if (sqlite3_prepare_v2(db, "SELECT app_id, filename, sha256, size FROM attachments WHERE dfs_id = ?1", -1, &stmt,
-                           nullptr) != SQLITE_OK)
+            nullptr) != SQLITE_OK)
         throw store_error(std::string("SQLite: ") + sqlite3_errmsg(db));
     sqlite3_bind_text(stmt, 1, dfs_id.data(), int(dfs_id.size()), SQLITE_TRANSIENT);
     const bool found = sqlite3_step(stmt) == SQLITE_ROW;
@@ -217,7 +217,7 @@ bool postgres_find_attachment(PGconn* conn, const std::string& dfs_id, new_attac
     const bool found = PQntuples(r) > 0;
     if (found)
         out = {dfs_id, PQgetvalue(r, 0, 0), PQgetvalue(r, 0, 1), PQgetvalue(r, 0, 2),
-               std::uint64_t(std::stoull(PQgetvalue(r, 0, 3)))};
+            std::uint64_t(std::stoull(PQgetvalue(r, 0, 3)))};
     PQclear(r);
     return found;
 }

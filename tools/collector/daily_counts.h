@@ -15,8 +15,8 @@ extern const char* const kSqliteDailyCounts;
 extern const char* const kPostgresDailyCounts;
 
 std::vector<daily_count> sqlite_daily_counts(sqlite3* db, const std::string& first_day, const std::string& last_day);
-std::vector<daily_count> postgres_daily_counts(pg_conn* conn, const std::string& first_day,
-                                               const std::string& last_day);
+std::vector<daily_count> postgres_daily_counts(
+    pg_conn* conn, const std::string& first_day, const std::string& last_day);
 bool sqlite_find_attachment(sqlite3* db, const std::string& dfs_id, new_attachment& out);
 bool postgres_find_attachment(pg_conn* conn, const std::string& dfs_id, new_attachment& out);
 

@@ -69,8 +69,8 @@ std::map<std::string, std::string> form_fields(const std::string& text)
     std::stringstream pieces(text);
     for (std::string piece; std::getline(pieces, piece, '&');) {
         const std::size_t eq = piece.find('=');
-        fields.emplace(percent_decode(piece.substr(0, eq)),
-                       eq == std::string::npos ? "" : percent_decode(piece.substr(eq + 1)));
+        fields.emplace(
+            percent_decode(piece.substr(0, eq)), eq == std::string::npos ? "" : percent_decode(piece.substr(eq + 1)));
     }
     return fields;
 }
@@ -121,9 +121,9 @@ bool parse_bound(const std::string& text, bool until, std::string& out)
 {
     long day;
     if (text.empty() || (text.size() == 20 && parse_day(text.substr(0, 10), day) && text[10] == 'T' &&
-                         text[19] == 'Z' && std::all_of(text.begin() + 11, text.end() - 1, [](char c) {
-                             return std::isdigit(static_cast<unsigned char>(c)) || c == ':';
-                         })))
+                            text[19] == 'Z' && std::all_of(text.begin() + 11, text.end() - 1, [](char c) {
+                                return std::isdigit(static_cast<unsigned char>(c)) || c == ':';
+                            })))
         return out = text, true;
     if (!parse_day(text, day))
         return false;
@@ -207,10 +207,8 @@ dashboard::reply dashboard::route(exchange& ex)
     const bool open = path == "/login" || path.rfind("/static/", 0) == 0;  // no records in these
     if (!open && !authorised(request)) {
         if (path.rfind("/api/", 0) == 0)
-            return {401,
-                    "application/json",
-                    json({{"error", "the dashboard token is needed"}}),
-                    {{"WWW-Authenticate", "Bearer"}}};
+            return {401, "application/json", json({{"error", "the dashboard token is needed"}}),
+                {{"WWW-Authenticate", "Bearer"}}};
         return {303, "text/plain; charset=utf-8", "sign in first\n", {{"Location", "/login"}}};
     }
     if (path == "/api/v1/summary")
@@ -317,19 +315,12 @@ dashboard::reply dashboard::summary(const std::string& query)
         top.insert(name.second, list);
     }
     const QJsonObject previous{{"since", qs(civil_from_days(first - length))},
-                               {"until", qs(civil_from_days(first - 1))},
-                               {"total", double(previous_total)},
-                               {"kinds", object(previous_kinds)}};
-    return {200,
-            "application/json",
-            json({{"since", qs(first_day)},
-                  {"until", qs(civil_from_days(last))},
-                  {"total", double(total)},
-                  {"kinds", object(kinds)},
-                  {"days", day_list},
-                  {"top", top},
-                  {"previous", previous}}),
-            {}};
+        {"until", qs(civil_from_days(first - 1))}, {"total", double(previous_total)},
+        {"kinds", object(previous_kinds)}};
+    return {200, "application/json",
+        json({{"since", qs(first_day)}, {"until", qs(civil_from_days(last))}, {"total", double(total)},
+            {"kinds", object(kinds)}, {"days", day_list}, {"top", top}, {"previous", previous}}),
+        {}};
 }
 
 dashboard::reply dashboard::records(const std::string& query)
@@ -345,26 +336,16 @@ dashboard::reply dashboard::records(const std::string& query)
         return error_reply(400, "limit takes 1 to 500, offset a number");
     QJsonArray list;
     store_.list(filter, limit, offset, [&](const stored_record& r) {
-        list.append(QJsonObject{{"id", double(r.id)},
-                                {"received_at", qs(r.received_at)},
-                                {"app_id", qs(r.app_id)},
-                                {"kind", qs(r.kind)},
-                                {"software_name", qs(r.software_name)},
-                                {"software_ver", qs(r.software_ver)},
-                                {"model_name", qs(r.model_name)},
-                                {"os_name", qs(r.os_name)},
-                                {"serial", qs(r.serial)},
-                                {"lang", qs(r.lang)},
-                                {"body", qs(r.body)}});
+        list.append(QJsonObject{{"id", double(r.id)}, {"received_at", qs(r.received_at)}, {"app_id", qs(r.app_id)},
+            {"kind", qs(r.kind)}, {"software_name", qs(r.software_name)}, {"software_ver", qs(r.software_ver)},
+            {"model_name", qs(r.model_name)}, {"os_name", qs(r.os_name)}, {"serial", qs(r.serial)},
+            {"lang", qs(r.lang)}, {"body", qs(r.body)}});
         return true;
     });
-    return {200,
-            "application/json",
-            json({{"total", double(store_.count(filter))},
-                  {"limit", double(limit)},
-                  {"offset", double(offset)},
-                  {"records", list}}),
-            {}};
+    return {200, "application/json",
+        json({{"total", double(store_.count(filter))}, {"limit", double(limit)}, {"offset", double(offset)},
+            {"records", list}}),
+        {}};
 }
 
 void dashboard::send_export(exchange& ex, const std::string& query)
@@ -398,7 +379,7 @@ void dashboard::send_export(exchange& ex, const std::string& query)
     header_list headers = kCommonHeaders;
     headers.emplace_back("Content-Disposition", std::string("attachment; filename=\"") + name + "\"");
     if (!ex.send_head(200, format == export_format::csv ? "text/csv; charset=utf-8" : "application/x-ndjson",
-                      std::uint64_t(size), headers))
+            std::uint64_t(size), headers))
         return;
     char buffer[64 * 1024];
     for (std::size_t got; (got = std::fread(buffer, 1, sizeof buffer, file.get())) > 0;)
@@ -420,10 +401,8 @@ dashboard::reply dashboard::attachment(const std::string& dfs_id)
     std::string name;
     for (const char c : found.filename)
         name += std::isalnum(static_cast<unsigned char>(c)) || c == '.' || c == '_' || c == '-' ? c : '_';
-    return {200,
-            "application/octet-stream",
-            std::string(std::istreambuf_iterator<char>(file), {}),
-            {{"Content-Disposition", "attachment; filename=\"" + (name.empty() ? "attachment" : name) + "\""}}};
+    return {200, "application/octet-stream", std::string(std::istreambuf_iterator<char>(file), {}),
+        {{"Content-Disposition", "attachment; filename=\"" + (name.empty() ? "attachment" : name) + "\""}}};
 }
 
 dashboard::reply dashboard::login(exchange& ex)
@@ -444,12 +423,9 @@ dashboard::reply dashboard::login(exchange& ex)
         page.open(QIODevice::ReadOnly);
         return {401, "text/html; charset=utf-8", page.readAll().toStdString(), {}};
     }
-    return {303,
-            "text/plain; charset=utf-8",
-            "signed in\n",
-            {{"Location", "/"},
-             {"Set-Cookie", std::string(kCookie) + "=" + token + "; Path=/; HttpOnly; SameSite=Strict" +
-                                (options_.tls ? "; Secure" : "")}}};
+    return {303, "text/plain; charset=utf-8", "signed in\n",
+        {{"Location", "/"}, {"Set-Cookie", std::string(kCookie) + "=" + token + "; Path=/; HttpOnly; SameSite=Strict" +
+                                               (options_.tls ? "; Secure" : "")}}};
 }
 
 bool dashboard::authorised(const http_request& request) const
@@ -518,8 +494,8 @@ std::string dashboard_token(const std::string& data_dir, std::string& error)
     return token;
 }
 
-dashboard_listener::dashboard_listener(record_store& store, const std::string& data_dir,
-                                       std::shared_ptr<boost::asio::ssl::context> tls)
+dashboard_listener::dashboard_listener(
+    record_store& store, const std::string& data_dir, std::shared_ptr<boost::asio::ssl::context> tls)
     : data_dir_(data_dir), tls_(std::move(tls)), store_(store)
 {}
 

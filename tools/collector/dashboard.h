@@ -58,8 +58,8 @@ std::string dashboard_token(const std::string& data_dir, std::string& error);
 // `tls` is set. Prints "dashboard on <url>" and writes the URL to data_dir/dashboard_url.
 class dashboard_listener {
 public:
-    dashboard_listener(record_store& store, const std::string& data_dir,
-                       std::shared_ptr<boost::asio::ssl::context> tls);
+    dashboard_listener(
+        record_store& store, const std::string& data_dir, std::shared_ptr<boost::asio::ssl::context> tls);
     bool start(const std::string& address, std::string& error);
     std::string url() const { return url_; }
     // Stops accepting and finishes the requests in flight: call it before the store goes.

@@ -55,7 +55,7 @@ bool parse_export_format(const std::string& name, export_format& out)
 }
 
 void export_records(record_store& store, const record_filter& filter, export_format format,
-                    const std::function<bool(const std::string&)>& out)
+    const std::function<bool(const std::string&)>& out)
 {
     const bool csv = format == export_format::csv;
     if (csv && !out("id,received_at,app_id,kind,sha256,software_name,software_ver,model_name,os_name,serial,"
@@ -66,7 +66,7 @@ void export_records(record_store& store, const record_filter& filter, export_for
         if (csv) {
             line += r.received_at + "," + csv_field(r.app_id) + "," + csv_field(r.kind) + "," + r.sha256;
             for (const std::string* field : {&r.software_name, &r.software_ver, &r.model_name, &r.os_name, &r.serial,
-                                             &r.start_on, &r.lang, &r.body})
+                     &r.start_on, &r.lang, &r.body})
                 line += "," + csv_field(one_line(*field));
         } else {
             line = R"({"id":)" + line + R"("received_at":")" + r.received_at + R"(","app_id":)" +

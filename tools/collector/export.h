@@ -18,6 +18,6 @@ bool parse_export_format(const std::string& name, export_format& out);
 // breaks dropped from the extracted fields and the record. JSONL: one object per line: id,
 // received_at, app_id, kind, sha256, and the record itself (on one line) under "record".
 void export_records(record_store& store, const record_filter& filter, export_format format,
-                    const std::function<bool(const std::string&)>& out);
+    const std::function<bool(const std::string&)>& out);
 
 }  // namespace collector

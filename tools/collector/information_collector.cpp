@@ -118,7 +118,7 @@ std::string csv_field(const std::string& text)
 }
 
 int serve(const QCommandLineParser& parser, const std::string& data_dir, const std::string& database,
-          std::vector<std::string> app_ids, int retention_days)
+    std::vector<std::string> app_ids, int retention_days)
 {
     std::string error;
     if (!data_folder::prepare(data_dir, error))
@@ -187,8 +187,8 @@ int serve(const QCommandLineParser& parser, const std::string& data_dir, const s
     std::printf("listening on %s\n", url.c_str());
     if (!own_certificate)
         std::printf("trust %s; public-key pin %s\n",
-                    data_folder::path(fs::absolute(data_dir), data_folder::kAuthority).c_str(),
-                    public_key_pin(tls.cert_file).c_str());
+            data_folder::path(fs::absolute(data_dir), data_folder::kAuthority).c_str(),
+            public_key_pin(tls.cert_file).c_str());
     std::fflush(stdout);
     dashboard_listener dashboard(*store, data_dir, transport.tls);
     if (!dashboard.start(parser.value("dashboard").toStdString(), error))
@@ -208,8 +208,8 @@ int serve(const QCommandLineParser& parser, const std::string& data_dir, const s
                 old.until = utc_timestamp(retention_days);
                 try {
                     const std::int64_t n = store->remove(old);
-                    std::printf("purged %lld records received before %s\n", static_cast<long long>(n),
-                                old.until.c_str());
+                    std::printf(
+                        "purged %lld records received before %s\n", static_cast<long long>(n), old.until.c_str());
                 } catch (const store_error& e) {
                     std::fprintf(stderr, "information_collector: purge failed, tried again tomorrow: %s\n", e.what());
                 }
@@ -253,9 +253,9 @@ int main(int argc, char** argv)
         {"database", "sqlite:PATH or postgresql://... (default: sqlite:DIR/records.sqlite3).", "url"},
         {"listen", "serve: address and port (127.0.0.1:0, a free port).", "addr:port", "127.0.0.1:0"},
         {"dashboard",
-         "serve: the dashboard's address and port (127.0.0.1:0); off loopback every request "
-         "needs the token in DIR/dashboard.token.",
-         "addr:port", "127.0.0.1:0"},
+            "serve: the dashboard's address and port (127.0.0.1:0); off loopback every request "
+            "needs the token in DIR/dashboard.token.",
+            "addr:port", "127.0.0.1:0"},
         {"tls-cert", "serve: the certificate chain (PEM) instead of the local authority's.", "pem"},
         {"tls-key", "serve: its private key (PEM).", "pem"},
         {"app-id", "serve: an accepted application id, repeatable (default: the library's two).", "id"},
@@ -280,8 +280,8 @@ int main(int argc, char** argv)
         usage_error("name one command: serve, export, delete, purge or stats (see --help)");
     const QString command = positional.first();
     const std::map<QString, QStringList> allowed = {
-        {"serve",
-         {"listen", "dashboard", "tls-cert", "tls-key", "app-id", "retention-days", "max-body-mb", "max-connections"}},
+        {"serve", {"listen", "dashboard", "tls-cert", "tls-key", "app-id", "retention-days", "max-body-mb",
+                      "max-connections"}},
         {"export", {"kind", "since", "until", "format"}},
         {"delete", {"serial"}},
         {"purge", {"older-than-days"}},
@@ -317,8 +317,8 @@ int main(int argc, char** argv)
             app_ids.push_back(id.toStdString());
         if (app_ids.empty())
             app_ids = {kTestAppId, kReleaseAppId};
-        return serve(parser, data_dir, database, app_ids,
-                     parser.isSet("retention-days") ? whole_number("retention-days") : 0);
+        return serve(
+            parser, data_dir, database, app_ids, parser.isSet("retention-days") ? whole_number("retention-days") : 0);
     }
     const QString format = parser.value("format");
     if (format != "jsonl" && format != "csv")
@@ -343,7 +343,7 @@ int main(int argc, char** argv)
                 if (csv) {
                     line += r.received_at + "," + csv_field(r.app_id) + "," + csv_field(r.kind) + "," + r.sha256;
                     for (const std::string* field : {&r.software_name, &r.software_ver, &r.model_name, &r.os_name,
-                                                     &r.serial, &r.start_on, &r.lang, &r.body})
+                             &r.serial, &r.start_on, &r.lang, &r.body})
                         line += "," + csv_field(one_line(*field));
                 } else {
                     line = R"({"id":)" + line + R"("received_at":")" + r.received_at + R"(","app_id":)" +
@@ -357,25 +357,24 @@ int main(int argc, char** argv)
             record_filter device;
             device.serial = parser.value("serial").toStdString();
             std::printf("deleted %lld records of device %s\n", static_cast<long long>(store->remove(device)),
-                        device.serial.c_str());
+                device.serial.c_str());
         } else if (command == "purge") {
             record_filter old;
             old.until = utc_timestamp(older_than_days);
             std::printf("purged %lld records received before %s\n", static_cast<long long>(store->remove(old)),
-                        old.until.c_str());
+                old.until.c_str());
         } else {  // stats
             std::printf("records: %lld\n", static_cast<long long>(store->count(filter)));
-            for (const auto& [title, by] :
-                 {std::make_pair("kind", dimension::kind), std::make_pair("version", dimension::version),
-                  std::make_pair("day", dimension::day)}) {
+            for (const auto& [title, by] : {std::make_pair("kind", dimension::kind),
+                     std::make_pair("version", dimension::version), std::make_pair("day", dimension::day)}) {
                 std::printf("by %s:\n", title);
                 auto rows = store->counts(filter, {by});
                 if (by == dimension::day)  // days in order, the others largest first
                     std::sort(rows.begin(), rows.end(),
-                              [](const count_row& a, const count_row& b) { return a.keys < b.keys; });
+                        [](const count_row& a, const count_row& b) { return a.keys < b.keys; });
                 for (const count_row& row : rows)
                     std::printf("  %-24s %lld\n", row.keys[0].empty() ? "(none)" : row.keys[0].c_str(),
-                                static_cast<long long>(row.count));
+                        static_cast<long long>(row.count));
             }
         }
     } catch (const store_error& e) {

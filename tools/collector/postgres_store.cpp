@@ -93,7 +93,7 @@ public:
             values.push_back(p.c_str());
         result r(values.empty() ? PQexec(conn_, sql.c_str())  // several statements allowed
                                 : PQexecParams(conn_, sql.c_str(), int(values.size()), nullptr, values.data(), nullptr,
-                                               nullptr, 0));
+                                      nullptr, 0));
         check(r);
         return r;
     }
@@ -153,7 +153,7 @@ public:
     ~postgres_store() override { stop_committer(); }
 
     void list(const record_filter& filter, std::int64_t limit, std::int64_t offset,
-              const std::function<bool(const stored_record&)>& each) override
+        const std::function<bool(const stored_record&)>& each) override
     {
         std::lock_guard<std::mutex> lock(read_mutex_);
         reader_.ensure();
@@ -183,9 +183,8 @@ public:
             for (int row = 0; wanted && row < PQntuples(raw); ++row) {
                 stored_record s;
                 s.id = std::stoll(r.text(row, 0));
-                std::string* fields[] = {&s.received_at, &s.app_id,        &s.kind,         &s.sha256,
-                                         &s.body,        &s.software_name, &s.software_ver, &s.model_name,
-                                         &s.os_name,     &s.serial,        &s.start_on,     &s.lang};
+                std::string* fields[] = {&s.received_at, &s.app_id, &s.kind, &s.sha256, &s.body, &s.software_name,
+                    &s.software_ver, &s.model_name, &s.os_name, &s.serial, &s.start_on, &s.lang};
                 for (int i = 0; i < 12; ++i)
                     *fields[i] = r.text(row, i + 1);
                 wanted = each(s);
@@ -207,8 +206,8 @@ public:
         return std::stoll(r.text(0, 0));
     }
 
-    std::vector<count_row> counts(const record_filter& filter, const std::vector<dimension>& by,
-                                  std::int64_t limit) override
+    std::vector<count_row> counts(
+        const record_filter& filter, const std::vector<dimension>& by, std::int64_t limit) override
     {
         std::lock_guard<std::mutex> lock(read_mutex_);
         reader_.ensure();
@@ -220,7 +219,7 @@ public:
         const result r = reader_.run("SELECT " + columns + ", count(*) FROM records" + condition + " GROUP BY " +
                                          columns + " ORDER BY count(*) DESC, " + columns +
                                          (limit > 0 ? " LIMIT " + std::to_string(limit) : ""),
-                                     params);
+            params);
         std::vector<count_row> rows;
         for (int row = 0; row < PQntuples(r.get()); ++row) {
             count_row c;
@@ -286,15 +285,15 @@ private:
             prepared_ = false;
         if (!prepared_) {
             writer_.check(result(PQprepare(writer_.get(), "record",
-                                           "INSERT INTO records (app_id, kind, body, sha256, software_name, "
-                                           "software_ver, model_name, os_name, serial, start_on, lang) VALUES "
-                                           "($1, $2, $3::jsonb, $4, $5, $6, $7, $8, $9, $10, $11) "
-                                           "ON CONFLICT (app_id, kind, sha256) DO NOTHING",
-                                           0, nullptr)));
+                "INSERT INTO records (app_id, kind, body, sha256, software_name, "
+                "software_ver, model_name, os_name, serial, start_on, lang) VALUES "
+                "($1, $2, $3::jsonb, $4, $5, $6, $7, $8, $9, $10, $11) "
+                "ON CONFLICT (app_id, kind, sha256) DO NOTHING",
+                0, nullptr)));
             writer_.check(result(PQprepare(writer_.get(), "attachment",
-                                           "INSERT INTO attachments (dfs_id, app_id, filename, sha256, size) "
-                                           "VALUES ($1, $2, $3, $4, $5::bigint)",
-                                           0, nullptr)));
+                "INSERT INTO attachments (dfs_id, app_id, filename, sha256, size) "
+                "VALUES ($1, $2, $3, $4, $5::bigint)",
+                0, nullptr)));
             prepared_ = true;
         }
         // In key order: two collectors writing the same records lock them in the same order and
@@ -310,9 +309,9 @@ private:
             for (const item& i : items) {
                 if (i.record) {
                     const new_record& r = *i.record;
-                    writer_.run_prepared("record",
-                                         {&r.app_id, &r.kind, &r.body, &r.sha256, &r.software_name, &r.software_ver,
-                                          &r.model_name, &r.os_name, &r.serial, &r.start_on, &r.lang});
+                    writer_.run_prepared(
+                        "record", {&r.app_id, &r.kind, &r.body, &r.sha256, &r.software_name, &r.software_ver,
+                                      &r.model_name, &r.os_name, &r.serial, &r.start_on, &r.lang});
                 } else {
                     const new_attachment& a = *i.attachment;
                     const std::string size = std::to_string(a.size);

@@ -242,8 +242,8 @@ std::string fresh_dfs_id()
     static std::mutex mutex;
     std::lock_guard<std::mutex> lock(mutex);
     char text[25];
-    std::snprintf(text, sizeof text, "%08x%016llx", unsigned(generator()),
-                  static_cast<unsigned long long>(generator()));
+    std::snprintf(
+        text, sizeof text, "%08x%016llx", unsigned(generator()), static_cast<unsigned long long>(generator()));
     return text;
 }
 
@@ -405,7 +405,7 @@ void protocol::handle(exchange& ex)
     if (state != exchange::body_state::complete) {
         const bool large = state == exchange::body_state::too_large;
         ex.send(large ? 413 : 400, "application/json",
-                failure_body(large ? "body larger than the limit" : "body incomplete"));
+            failure_body(large ? "body larger than the limit" : "body incomplete"));
         return;
     }
     const answer a = in->finish(state);

@@ -130,14 +130,14 @@ public:
         try {
             migrate();
             reader_ = connect(path);
-            insert_record_ = std::make_unique<statement>(
-                writer_, "INSERT INTO records (received_at, app_id, kind, body, sha256, software_name, "
-                         "software_ver, model_name, os_name, serial, start_on, lang) VALUES "
-                         "(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11, ?12) "
-                         "ON CONFLICT (app_id, kind, sha256) DO NOTHING");
-            insert_attachment_ = std::make_unique<statement>(
-                writer_, "INSERT INTO attachments (dfs_id, received_at, app_id, filename, sha256, size) "
-                         "VALUES (?1, ?2, ?3, ?4, ?5, ?6)");
+            insert_record_ = std::make_unique<statement>(writer_,
+                "INSERT INTO records (received_at, app_id, kind, body, sha256, software_name, "
+                "software_ver, model_name, os_name, serial, start_on, lang) VALUES "
+                "(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11, ?12) "
+                "ON CONFLICT (app_id, kind, sha256) DO NOTHING");
+            insert_attachment_ = std::make_unique<statement>(writer_,
+                "INSERT INTO attachments (dfs_id, received_at, app_id, filename, sha256, size) "
+                "VALUES (?1, ?2, ?3, ?4, ?5, ?6)");
         } catch (...) {
             insert_record_.reset();
             sqlite3_close(reader_);
@@ -156,7 +156,7 @@ public:
     }
 
     void list(const record_filter& filter, std::int64_t limit, std::int64_t offset,
-              const std::function<bool(const stored_record&)>& each) override
+        const std::function<bool(const stored_record&)>& each) override
     {
         std::lock_guard<std::mutex> lock(read_mutex_);
         std::vector<std::string> params;
@@ -167,9 +167,8 @@ public:
         while (s.step()) {
             stored_record r;
             r.id = s.integer(0);
-            std::string* fields[] = {&r.received_at, &r.app_id,        &r.kind,         &r.sha256,
-                                     &r.body,        &r.software_name, &r.software_ver, &r.model_name,
-                                     &r.os_name,     &r.serial,        &r.start_on,     &r.lang};
+            std::string* fields[] = {&r.received_at, &r.app_id, &r.kind, &r.sha256, &r.body, &r.software_name,
+                &r.software_ver, &r.model_name, &r.os_name, &r.serial, &r.start_on, &r.lang};
             for (int i = 0; i < 12; ++i)
                 *fields[i] = s.text(i + 1);
             if (!each(r))
@@ -186,8 +185,8 @@ public:
         return s.step() ? s.integer(0) : 0;
     }
 
-    std::vector<count_row> counts(const record_filter& filter, const std::vector<dimension>& by,
-                                  std::int64_t limit) override
+    std::vector<count_row> counts(
+        const record_filter& filter, const std::vector<dimension>& by, std::int64_t limit) override
     {
         std::lock_guard<std::mutex> lock(read_mutex_);
         std::vector<std::string> params;
@@ -251,9 +250,8 @@ protected:
                     const new_record& r = *i.record;
                     insert_record_->reset();
                     int n = 0;
-                    for (const std::string* v :
-                         {&now, &r.app_id, &r.kind, &r.body, &r.sha256, &r.software_name, &r.software_ver,
-                          &r.model_name, &r.os_name, &r.serial, &r.start_on, &r.lang})
+                    for (const std::string* v : {&now, &r.app_id, &r.kind, &r.body, &r.sha256, &r.software_name,
+                             &r.software_ver, &r.model_name, &r.os_name, &r.serial, &r.start_on, &r.lang})
                         insert_record_->bind(++n, *v);
                     insert_record_->step();
                 } else {

@@ -135,8 +135,8 @@ void batched_store::commit_loop()
 }
 
 std::string where_clause(const record_filter& filter, std::vector<std::string>& params,
-                         const std::function<std::string(std::size_t)>& placeholder,
-                         const std::function<std::string(const std::string&)>& time)
+    const std::function<std::string(std::size_t)>& placeholder,
+    const std::function<std::string(const std::string&)>& time)
 {
     std::string sql;
     const auto add = [&](const std::string& value, const std::string& condition_head, bool is_time = false) {

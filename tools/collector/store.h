@@ -82,11 +82,11 @@ public:
     // Calls `each` for the matching records in id order, from `offset`, at most `limit` of them
     // (0: all) while it returns true. Streams: a whole export is never held in memory.
     virtual void list(const record_filter& filter, std::int64_t limit, std::int64_t offset,
-                      const std::function<bool(const stored_record&)>& each) = 0;
+        const std::function<bool(const stored_record&)>& each) = 0;
     virtual std::int64_t count(const record_filter& filter) = 0;
     // Counts of the matching records grouped by `by`, largest first, at most `limit` rows (0: all).
-    virtual std::vector<count_row> counts(const record_filter& filter, const std::vector<dimension>& by,
-                                          std::int64_t limit = 0) = 0;
+    virtual std::vector<count_row> counts(
+        const record_filter& filter, const std::vector<dimension>& by, std::int64_t limit = 0) = 0;
     // Removes the matching records; returns how many. An empty filter removes nothing.
     virtual std::int64_t remove(const record_filter& filter) = 0;
 

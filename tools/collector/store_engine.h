@@ -58,8 +58,8 @@ private:
 // n-th parameter (from 1) and `time(p)` turning a parameter into a time; `day` is the engine's
 // expression for received_at's UTC date.
 std::string where_clause(const record_filter& filter, std::vector<std::string>& params,
-                         const std::function<std::string(std::size_t)>& placeholder,
-                         const std::function<std::string(const std::string&)>& time);
+    const std::function<std::string(std::size_t)>& placeholder,
+    const std::function<std::string(const std::string&)>& time);
 std::string dimension_column(dimension d, const std::string& day);
 
 std::unique_ptr<record_store> open_sqlite_store(const std::string& path);

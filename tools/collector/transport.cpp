@@ -32,8 +32,8 @@ using steady = std::chrono::steady_clock;
 bool same_header_name(const std::string& a, const std::string& b)
 {
     return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
-               return std::tolower(static_cast<unsigned char>(x)) == std::tolower(static_cast<unsigned char>(y));
-           });
+        return std::tolower(static_cast<unsigned char>(x)) == std::tolower(static_cast<unsigned char>(y));
+    });
 }
 
 std::string http_request::header(const std::string& name) const
@@ -70,8 +70,8 @@ handler simple_handler(std::function<simple_response(const http_request&, const 
         if (state != exchange::body_state::complete) {
             const bool large = state == exchange::body_state::too_large;
             ex.send(large ? 413 : 400, "application/json",
-                    std::string(R"({"status":"failed","result":")") + (large ? "body too large" : "body incomplete") +
-                        "\"}");
+                std::string(R"({"status":"failed","result":")") + (large ? "body too large" : "body incomplete") +
+                    "\"}");
             return;
         }
         const simple_response r = f(ex.request(), body);
@@ -205,8 +205,8 @@ public:
         return write(whole.data(), whole.size());
     }
 
-    bool send_head(int status, const std::string& content_type, std::uint64_t length,
-                   const header_list& headers) override
+    bool send_head(
+        int status, const std::string& content_type, std::uint64_t length, const header_list& headers) override
     {
         const std::string text = head(status, content_type, length, headers);
         return write(text.data(), text.size());

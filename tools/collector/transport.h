@@ -44,10 +44,10 @@ public:
     // Hands the body to `consume` piece by piece as it arrives. too_large: over the limit (when
     // announced so, not a byte is read); incomplete: the client stopped early or missed the deadline.
     virtual body_state read_body(const std::function<void(const char*, std::size_t)>& consume) = 0;
-    virtual bool send(int status, const std::string& content_type, const std::string& body,
-                      const header_list& headers = {}) = 0;
-    virtual bool send_head(int status, const std::string& content_type, std::uint64_t length,
-                           const header_list& headers = {}) = 0;
+    virtual bool send(
+        int status, const std::string& content_type, const std::string& body, const header_list& headers = {}) = 0;
+    virtual bool send_head(
+        int status, const std::string& content_type, std::uint64_t length, const header_list& headers = {}) = 0;
     virtual bool send_piece(const char* data, std::size_t size) = 0;
     // Ends the connection unanswered, or with the answer cut where it is: `reset` sends a reset,
     // otherwise it closes.

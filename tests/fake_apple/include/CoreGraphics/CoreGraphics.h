@@ -5,18 +5,13 @@
 #include <IOKit/IOKitLib.h>
 
 typedef double CGFloat;
-typedef struct CGPoint {
-    CGFloat x;
-    CGFloat y;
-} CGPoint;
-typedef struct CGSize {
-    CGFloat width;
-    CGFloat height;
-} CGSize;
-typedef struct CGRect {
-    CGPoint origin;
-    CGSize size;
-} CGRect;
+// As the SDK declares them:
+// clang-format off
+typedef struct CGPoint { CGFloat x; CGFloat y; } CGPoint;
+typedef struct CGSize { CGFloat width; CGFloat height; } CGSize;
+typedef struct CGRect { CGPoint origin; CGSize size; } CGRect;
+// clang-format on
+// clang-format on
 
 typedef uint32_t CGDirectDisplayID;
 enum CGError : int32_t { kCGErrorSuccess = 0, kCGErrorInvalidConnection = 1002 };  // CF_ENUM
@@ -45,7 +40,7 @@ inline CGError CGGetActiveDisplayList(uint32_t maxDisplays, CGDirectDisplayID* a
         return kCGErrorInvalidConnection;
     *displayCount = uint32_t(std::min<size_t>(activeDisplays ? maxDisplays : all.size(), all.size() - gone));
     std::transform(all.begin(), std::next(all.begin(), activeDisplays ? *displayCount : 0), activeDisplays,
-                   [](const auto& display) { return display.first; });
+        [](const auto& display) { return display.first; });
     return kCGErrorSuccess;
 }
 

@@ -59,8 +59,8 @@ inline kern_return_t IOObjectGetClass(io_object_t object, io_name_t className)
 }
 
 // A property of the entry or, searched recursively and upwards (both bits), of its nearest ancestor with one.
-inline CFTypeRef IORegistryEntrySearchCFProperty(io_registry_entry_t entry, const io_name_t plane, CFStringRef key,
-                                                 CFAllocatorRef, IOOptionBits options)
+inline CFTypeRef IORegistryEntrySearchCFProperty(
+    io_registry_entry_t entry, const io_name_t plane, CFStringRef key, CFAllocatorRef, IOOptionBits options)
 {
     const auto& registry = fake::installed.registry;
     const IOOptionBits upwards = kIORegistryIterateRecursively | kIORegistryIterateParents;
@@ -71,8 +71,8 @@ inline CFTypeRef IORegistryEntrySearchCFProperty(io_registry_entry_t entry, cons
     return nullptr;
 }
 
-inline CFTypeRef IORegistryEntryCreateCFProperty(io_registry_entry_t entry, CFStringRef key, CFAllocatorRef,
-                                                 IOOptionBits)
+inline CFTypeRef IORegistryEntryCreateCFProperty(
+    io_registry_entry_t entry, CFStringRef key, CFAllocatorRef, IOOptionBits)
 {
     return IORegistryEntrySearchCFProperty(entry, kIOServicePlane, key, kCFAllocatorDefault, 0);  // the entry's own
 }

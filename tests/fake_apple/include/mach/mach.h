@@ -42,8 +42,8 @@ inline kern_return_t host_page_size(host_t host, vm_size_t* out_page_size)  // n
 
 // Fills as much of the newest layout as the caller's count holds, from the oldest layout's 24 numbers (up to
 // speculative_count) on, and says how much that was.
-inline kern_return_t host_statistics64(host_t host, host_flavor_t flavor, host_info64_t out,
-                                       mach_msg_type_number_t* count)
+inline kern_return_t host_statistics64(
+    host_t host, host_flavor_t flavor, host_info64_t out, mach_msg_type_number_t* count)
 {
     if (host != mach_host_self() || flavor != HOST_VM_INFO64 || *count < 24 || fake::installed.vmPages.size() != 4)
         return 5;  // KERN_FAILURE
