@@ -247,8 +247,10 @@ bool decode(const QByteArray& bytes, const std::function<void(const QSettings&)>
 {
     QFile copy(private_file());
     if (copy.fileName().isEmpty() || !copy.open(QIODevice::WriteOnly | QIODevice::NewOnly) ||
-        copy.write(bytes) != bytes.size() || !copy.flush() || copy.size() != bytes.size())
-        return copy.remove(), false;
+        copy.write(bytes) != bytes.size() || !copy.flush() || copy.size() != bytes.size()) {
+        copy.remove();
+        return false;
+    }
     copy.close();
     read(QSettings(copy.fileName(), QSettings::IniFormat));
     copy.remove();
@@ -260,8 +262,10 @@ bool decode(const QByteArray& bytes, const std::function<void(const QSettings&)>
 bool ini_bytes(const QByteArray& data, const QString& type, QByteArray& bytes, QString& reason)
 {
     QFile written(private_file());
-    if (written.fileName().isEmpty())
-        return reason = "no private directory in " + QDir::tempPath(), false;
+    if (written.fileName().isEmpty()) {
+        reason = "no private directory in " + QDir::tempPath();
+        return false;
+    }
     const std::shared_ptr<void> remove(nullptr, [&](void*) { written.remove(); });
     {
         QSettings file(written.fileName(), QSettings::IniFormat);
@@ -277,8 +281,10 @@ bool ini_bytes(const QByteArray& data, const QString& type, QByteArray& bytes, Q
     bool same = false;
     if (!bytes.isEmpty() && !decode(bytes, [&](const QSettings& file) {
             same = file.value("data").toByteArray() == data && file.value("type").toString() == type;
-        }))
-        return reason = "no private copy to check", false;
+        })) {
+        reason = "no private copy to check";
+        return false;
+    }
     if (!same)
         reason = "QSettings wrote " + QString::number(bytes.size()) + " bytes that do not read back as the record";
     return same;

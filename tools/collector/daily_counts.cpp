@@ -16,8 +16,10 @@ bool dimension_named(const std::string& name, dimension& out)
 {
     const dimension all[] = {dimension::kind, dimension::version, dimension::model, dimension::os, dimension::lang};
     for (int i = 0; i < 5; ++i)
-        if (name == kDimensionNames[i])
-            return out = all[i], true;
+        if (name == kDimensionNames[i]) {
+            out = all[i];
+            return true;
+        }
     return false;
 }
 

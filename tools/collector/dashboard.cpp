@@ -123,8 +123,10 @@ bool parse_bound(const std::string& text, bool until, std::string& out)
     if (text.empty() || (text.size() == 20 && parse_day(text.substr(0, 10), day) && text[10] == 'T' &&
                             text[19] == 'Z' && std::all_of(text.begin() + 11, text.end() - 1, [](char c) {
                                 return std::isdigit(static_cast<unsigned char>(c)) || c == ':';
-                            })))
-        return out = text, true;
+                            }))) {
+        out = text;
+        return true;
+    }
     if (!parse_day(text, day))
         return false;
     out = civil_from_days(day + (until ? 1 : 0)) + "T00:00:00Z";

@@ -47,10 +47,10 @@ std::string json_string(const std::string& text)
 
 bool parse_export_format(const std::string& name, export_format& out)
 {
-    if (name == "csv")
-        return out = export_format::csv, true;
-    if (name == "jsonl")
-        return out = export_format::jsonl, true;
+    if (name == "csv" || name == "jsonl") {
+        out = name == "csv" ? export_format::csv : export_format::jsonl;
+        return true;
+    }
     return false;
 }
 
