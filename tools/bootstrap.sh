@@ -17,7 +17,7 @@ for extra in "$@"; do
   case $extra in
     tests)  # a throwaway PostgreSQL, the browser tests, fuzzing, the API reference, the packages
       packages+=(postgresql-15 postgresql-common chromium chromium-driver python3-selenium
-                 clang libclang-rt-14-dev doxygen debhelper lintian) ;;
+                 clang libclang-rt-14-dev clang-format doxygen debhelper lintian) ;;
     bench) packages+=(libbenchmark-dev libcurl4-openssl-dev nginx-light postgresql-15 postgresql-common) ;;
     *) echo "usage: bootstrap.sh [tests] [bench]" >&2; exit 2 ;;
   esac

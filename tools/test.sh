@@ -7,6 +7,9 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 bash tools/bootstrap.sh tests
 
+echo "== format (clang-format with .clang-format; a difference fails it) =="
+git ls-files '*.cpp' '*.h' | xargs clang-format --dry-run -Werror
+
 run_suite() {  # build dir, extra cmake args...
   local dir=$1; shift
   cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
