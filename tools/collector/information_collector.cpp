@@ -4,6 +4,7 @@
 #include "data_folder.h"
 #include "certificates.h"
 #include "dashboard.h"
+#include "export.h"
 #include "protocol.h"
 #include "store.h"
 #include "transport.h"
@@ -95,26 +96,6 @@ std::string to_timestamp(const QString& text, bool end_of_day, const char* optio
     char out[32];
     std::strftime(out, sizeof out, "%Y-%m-%dT%H:%M:%SZ", &tm);
     return out;
-}
-
-// The body on one line: JSON allows no raw line break inside a string, so dropping them all
-// leaves the object as it was.
-std::string one_line(const std::string& json)
-{
-    std::string out;
-    out.reserve(json.size());
-    for (const char c : json)
-        if (c != '\n' && c != '\r')
-            out += c;
-    return out;
-}
-
-std::string csv_field(const std::string& text)
-{
-    std::string out = "\"";
-    for (const char c : text)
-        out += c == '"' ? std::string("\"\"") : std::string(1, c);
-    return out + "\"";
 }
 
 int serve(const QCommandLineParser& parser, const std::string& data_dir, const std::string& database,
@@ -320,8 +301,8 @@ int main(int argc, char** argv)
         return serve(
             parser, data_dir, database, app_ids, parser.isSet("retention-days") ? whole_number("retention-days") : 0);
     }
-    const QString format = parser.value("format");
-    if (format != "jsonl" && format != "csv")
+    export_format format = export_format::jsonl;
+    if (!parse_export_format(parser.value("format").toStdString(), format))
         usage_error("--format takes jsonl or csv");
     if (command == "delete" && parser.value("serial").isEmpty())
         usage_error("delete needs --serial SN");
@@ -334,23 +315,7 @@ int main(int argc, char** argv)
     try {
         const std::unique_ptr<record_store> store = open_store(database);
         if (command == "export") {
-            const bool csv = format == "csv";
-            if (csv)
-                std::printf("id,received_at,app_id,kind,sha256,software_name,software_ver,model_name,os_name,serial,"
-                            "start_on,lang,record\n");
-            store->list(filter, 0, 0, [csv](const stored_record& r) {
-                std::string line = std::to_string(r.id) + ",";
-                if (csv) {
-                    line += r.received_at + "," + csv_field(r.app_id) + "," + csv_field(r.kind) + "," + r.sha256;
-                    for (const std::string* field : {&r.software_name, &r.software_ver, &r.model_name, &r.os_name,
-                             &r.serial, &r.start_on, &r.lang, &r.body})
-                        line += "," + csv_field(one_line(*field));
-                } else {
-                    line = R"({"id":)" + line + R"("received_at":")" + r.received_at + R"(","app_id":)" +
-                           json_text(r.app_id) + R"(,"kind":)" + json_text(r.kind) + R"(,"sha256":")" + r.sha256 +
-                           R"(","record":)" + one_line(r.body) + "}";
-                }
-                line += "\n";
+            export_records(*store, filter, format, [](const std::string& line) {
                 return std::fwrite(line.data(), 1, line.size(), stdout) == line.size();
             });
         } else if (command == "delete") {
