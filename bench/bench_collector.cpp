@@ -182,10 +182,11 @@ void BM_collector_ingest(benchmark::State& state)
         std::rotate(turns.begin(), turns.begin() + (first / kRecords) % turns.size(),
             turns.end());  // taking turns at going first
         for (auto& [name, s] : turns) {
-            const double cpu = cpu_seconds(s->pid());
+            const double cpu = cpu_seconds(s->pid()), mine = cpu_seconds(getpid());
             int failed = 0;
             rate[name].push_back(upload_rate(s->url, first, failed));
             cpu_us[name].push_back((cpu_seconds(s->pid()) - cpu) * 1e6 / kRecords);
+            cpu_us[name + "_client"].push_back((cpu_seconds(getpid()) - mine) * 1e6 / kRecords);
             failures += failed;
             first += kRecords;
         }
@@ -200,6 +201,7 @@ void BM_collector_ingest(benchmark::State& state)
     for (const auto& [name, rates] : rate) {
         state.counters[name + "_per_s"] = median(rates);
         state.counters[name + "_cpu_us"] = median(cpu_us[name]);
+        state.counters[name + "_client_us"] = median(cpu_us[name + "_client"]);
         if (name != "nginx")
             state.counters[name + "_vs_nginx"] = median(rates) / median(rate["nginx"]);
     }

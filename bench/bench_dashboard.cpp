@@ -29,11 +29,10 @@ public:
     }
     const collector::http_request& request() const override { return request_; }
     body_state read_body(const std::function<void(const char*, std::size_t)>&) override { return body_state::complete; }
-    bool send(int status, const std::string&, const std::string& body, const collector::header_list&) override
+    void send(int status, const std::string&, const std::string& body, const collector::header_list&) override
     {
         status_ = status;
         body_ = body;
-        return true;
     }
     bool send_head(int status, const std::string&, std::uint64_t, const collector::header_list&) override
     {

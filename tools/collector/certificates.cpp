@@ -153,8 +153,9 @@ std::shared_ptr<boost::asio::ssl::context> make_tls_context(const tls_settings& 
     SSL_CTX* ctx = context->native_handle();
     SSL_CTX_set_options(ctx, SSL_OP_NO_SSLv2 | SSL_OP_NO_SSLv3 | SSL_OP_NO_TLSv1 | SSL_OP_NO_TLSv1_1);
     // The library opens a fresh connection, without resumption, for every request: a session
-    // cache would only cost its upkeep.
+    // cache or tickets would only cost their upkeep.
     SSL_CTX_set_session_cache_mode(ctx, SSL_SESS_CACHE_OFF);
+    SSL_CTX_set_num_tickets(ctx, 0);
     if (SSL_CTX_use_certificate_chain_file(ctx, settings.cert_file.c_str()) != 1 ||
         SSL_CTX_use_PrivateKey_file(ctx, settings.key_file.c_str(), SSL_FILETYPE_PEM) != 1 ||
         SSL_CTX_check_private_key(ctx) != 1) {

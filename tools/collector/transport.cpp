@@ -17,7 +17,6 @@
 #include <deque>
 #include <limits>
 #include <mutex>
-#include <optional>
 #include <set>
 #include <thread>
 
@@ -82,9 +81,11 @@ handler simple_handler(std::function<simple_response(const http_request&, const 
 struct http_server::impl {
     transport_options options;
     handler on_request;
-    net::io_context accept_context;
-    tcp::acceptor acceptor{accept_context};
-    std::thread accepting;
+    net::io_context io;
+    net::executor_work_guard<net::io_context::executor_type> keep_running{io.get_executor()};
+    // Accepts are started from the accepting strand only: one at a time.
+    tcp::acceptor acceptor{net::make_strand(io)};
+    std::vector<std::thread> io_threads;
     int port = 0;
 
     struct live {
@@ -94,81 +95,60 @@ struct http_server::impl {
     std::condition_variable changed;
     std::set<live*> sessions;
     std::size_t active = 0;
-    bool stopping = false;
+    bool stopping = false, accept_pending = false;
 
-    void accept_loop();
-    void work();                                // a worker thread: serves the connections handed to it, one at a time
-    std::deque<std::unique_ptr<live>> waiting;  // accepted, not yet taken up by a worker
+    // Handlers run on threads of their own: they may wait (for a commit, a script's delay).
+    std::deque<std::function<void()>> jobs;
+    std::condition_variable job_ready;
     std::vector<std::thread> workers;
     std::size_t idle = 0;
-    tcp protocol = tcp::v4();
-    void serve(tcp::socket socket, net::io_context& context, live& state);
-    void leave(live* l)
+    bool workers_end = false;
+
+    void accept_next();  // on the accepting strand
+    void take(tcp::socket socket);
+    void run_handler(std::function<void()> job);
+    void work();
+    // A connection is over: stop() no longer reaches its socket, and a place is free.
+    void ended(live* l)
     {
         std::lock_guard<std::mutex> lock(mutex);
         sessions.erase(l);
+        if (active-- == options.max_connections)
+            net::post(acceptor.get_executor(), [this] { accept_next(); });
+        changed.notify_all();
     }
 };
 
 namespace {
 
-// Runs one asynchronous operation of a connection to its end on the connection's own context:
-// the connection's thread waits, the stream's deadline bounds the wait.
-template <class Initiate> beast::error_code run(net::io_context& context, Initiate&& initiate)
-{
-    beast::error_code result = net::error::would_block;
-    initiate([&result](beast::error_code ec, auto&&...) { result = ec; });
-    context.restart();
-    context.run();
-    return result;
-}
+// One connection. The network waits (handshake, head, a small body, the close) are asynchronous
+// on the server's few I/O threads; the handler runs on a handler thread, where the exchange's
+// reads and writes wait for their asynchronous operation on the connection's strand.
+template <class Stream>
+class connection final : public exchange, public std::enable_shared_from_this<connection<Stream>> {
+    static constexpr bool tls = !std::is_same_v<Stream, beast::tcp_stream>;
+    // Bodies announced up to this size are read before the handler runs.
+    static constexpr std::uint64_t kPrefetch = 64 * 1024;
 
-template <class Stream> class session final : public exchange {
 public:
-    session(http_server::impl& server, net::io_context& context, Stream& stream)
-        : server_(server), context_(context), stream_(stream)
-    {}
-
-    void serve()
+    template <class... Args>
+    connection(http_server::impl& server, Args&&... args) : server_(server), stream_(std::forward<Args>(args)...)
     {
-        const auto deadline = steady::now() + server_.options.request_deadline;
-        auto& lowest = beast::get_lowest_layer(stream_);
-        lowest.expires_at(deadline);
-        if constexpr (!std::is_same_v<Stream, beast::tcp_stream>) {
-            if (run(context_, [&](auto h) { stream_.async_handshake(net::ssl::stream_base::server, h); }))
-                return;
-        }
-        parser_.header_limit(64 * 1024);
-        // Counted here instead: an answer (413) beats a cut connection. (Boost 1.74 compares a
-        // length with boost::none as larger, so "no limit" is the largest number.)
-        parser_.body_limit(std::numeric_limits<std::uint64_t>::max());
-        if (run(context_, [&](auto h) { http::async_read_header(stream_, buffer_, parser_, h); }))
-            return;
-        const auto& head = parser_.get();
-        request_.method = std::string(head.method_string());
-        request_.target = std::string(head.target());
-        request_.path = request_.target.substr(0, request_.target.find('?'));
-        for (const auto& field : head)
-            request_.headers.emplace_back(std::string(field.name_string()), std::string(field.value()));
-        server_.on_request(*this);
-        if (!answered_ && !aborted_)
-            send(500, "application/json", R"({"status":"failed","result":"no answer"})", {});
-        if (aborted_)
-            return;
-        // Read what the client still sends until it stops (a second at most), then close: closing
-        // with unread bytes resets the connection, and the client could lose an answer given early.
-        lowest.expires_at(std::min(deadline, steady::now() + std::chrono::seconds(1)));
-        char ignored[16 * 1024];
-        if constexpr (!std::is_same_v<Stream, beast::tcp_stream>) {
-            if (!parser_.is_done())
-                while (!run(context_, [&](auto h) { stream_.async_read_some(net::buffer(ignored), h); })) {
-                }
-            run(context_, [&](auto h) { stream_.async_shutdown(h); });
+        state_.fd = lowest().socket().native_handle();
+    }
+    http_server::impl::live* state() { return &state_; }
+    net::any_io_executor get_executor() { return stream_.get_executor(); }
+
+    void start()  // on the strand, as every step below but the handler
+    {
+        deadline_ = steady::now() + server_.options.request_deadline;
+        lowest().expires_at(deadline_);
+        if constexpr (tls) {
+            attach_socket(stream_.native_handle(), state_.fd);
+            stream_.async_handshake(net::ssl::stream_base::server,
+                [self = this->shared_from_this()](beast::error_code ec) { ec ? self->finish() : self->read_head(); });
         } else {
-            beast::error_code ec;
-            lowest.socket().shutdown(tcp::socket::shutdown_send, ec);
-            while (!run(context_, [&](auto h) { lowest.async_read_some(net::buffer(ignored), h); })) {
-            }
+            read_head();
         }
     }
 
@@ -179,12 +159,17 @@ public:
         const std::uint64_t limit = server_.options.body_limit;
         if (parser_.content_length() && *parser_.content_length() > limit)
             return body_state::too_large;  // not a byte of it is read
+        if (prefetched_) {
+            if (!body_.empty())
+                consume(body_.data(), body_.size());
+            return prefetch_complete_ ? body_state::complete : body_state::incomplete;
+        }
         std::uint64_t total = 0;
         char chunk[64 * 1024];
         while (!parser_.is_done()) {
             parser_.get().body().data = chunk;
             parser_.get().body().size = sizeof chunk;
-            beast::error_code ec = run(context_, [&](auto h) { http::async_read(stream_, buffer_, parser_, h); });
+            beast::error_code ec = await([&](auto h) { http::async_read(stream_, buffer_, parser_, h); });
             if (ec == http::error::need_buffer)
                 ec = {};
             const std::size_t got = sizeof chunk - parser_.get().body().size;
@@ -199,10 +184,20 @@ public:
         return body_state::complete;
     }
 
-    bool send(int status, const std::string& content_type, const std::string& body, const header_list& headers) override
+    void send(int status, const std::string& content_type, const std::string& body, const header_list& headers) override
     {
-        std::string whole = head(status, content_type, body.size(), headers) + body;  // one write, one TLS record
-        return write(whole.data(), whole.size());
+        if (failed_ || sent_)
+            return;
+        sent_ = queued_ = true;
+        answer_ = head(status, content_type, body.size(), headers) + body;  // one write, one TLS record
+        net::post(stream_.get_executor(), [self = this->shared_from_this()] {
+            self->lowest().expires_after(self->server_.options.write_timeout);
+            net::async_write(self->stream_, net::buffer(self->answer_), [self](beast::error_code, std::size_t) {
+                self->queued_ = false;
+                if (self->handled_)
+                    self->close();
+            });
+        });
     }
 
     bool send_head(
@@ -217,7 +212,7 @@ public:
     void abort(bool reset) override
     {
         aborted_ = answered_ = true;
-        auto& socket = beast::get_lowest_layer(stream_).socket();
+        auto& socket = lowest().socket();
         beast::error_code ec;
         if (reset)
             socket.set_option(net::socket_base::linger(true, 0), ec);  // the close resets
@@ -226,6 +221,115 @@ public:
     int status() const override { return status_; }
 
 private:
+    beast::tcp_stream& lowest() { return beast::get_lowest_layer(stream_); }
+
+    void read_head()
+    {
+        parser_.header_limit(64 * 1024);
+        // Counted here instead: an answer (413) beats a cut connection. (Boost 1.74 compares a
+        // length with boost::none as larger, so "no limit" is the largest number.)
+        parser_.body_limit(std::numeric_limits<std::uint64_t>::max());
+        http::async_read_header(
+            stream_, buffer_, parser_, [self = this->shared_from_this()](beast::error_code ec, std::size_t) {
+                ec ? self->finish() : self->take_head();
+            });
+    }
+
+    void take_head()
+    {
+        const auto& head = parser_.get();
+        request_.method = std::string(head.method_string());
+        request_.target = std::string(head.target());
+        request_.path = request_.target.substr(0, request_.target.find('?'));
+        for (const auto& field : head)
+            request_.headers.emplace_back(std::string(field.name_string()), std::string(field.value()));
+        const auto length = parser_.content_length();
+        if (parser_.is_done() || !length || *length > std::min(kPrefetch, server_.options.body_limit))
+            return handle_elsewhere();
+        body_.resize(*length);
+        parser_.get().body().data = body_.data();
+        parser_.get().body().size = body_.size();
+        http::async_read(
+            stream_, buffer_, parser_, [self = this->shared_from_this()](beast::error_code ec, std::size_t) {
+                self->body_.resize(self->body_.size() - self->parser_.get().body().size);
+                self->prefetched_ = true;
+                self->prefetch_complete_ = !ec && self->parser_.is_done();
+                self->handle_elsewhere();
+            });
+    }
+
+    void handle_elsewhere()
+    {
+        server_.run_handler([self = this->shared_from_this()] {
+            self->server_.on_request(*self);
+            if (!self->answered_ && !self->aborted_)
+                self->send(500, "application/json", R"({"status":"failed","result":"no answer"})", {});
+            net::post(self->stream_.get_executor(), [self] {
+                self->handled_ = true;
+                if (!self->queued_)
+                    self->close();  // otherwise once the answer is written
+            });
+        });
+    }
+
+    // Reads what the client still sends until it stops (a second at most), then closes: closing
+    // with unread bytes resets the connection, and the client could lose an answer given early.
+    void close()
+    {
+        if (aborted_)
+            return finish();
+        lowest().expires_at(std::min(deadline_, steady::now() + std::chrono::seconds(1)));
+        if constexpr (tls) {
+            if (parser_.is_done())
+                return shut_down();
+            drain(&connection::shut_down);
+        } else {
+            beast::error_code ec;
+            lowest().socket().shutdown(tcp::socket::shutdown_send, ec);
+            drain(&connection::finish);
+        }
+    }
+
+    void drain(void (connection::*then)())
+    {
+        ignored_.resize(16 * 1024);
+        stream_.async_read_some(
+            net::buffer(ignored_), [self = this->shared_from_this(), then](beast::error_code ec, std::size_t) {
+                ec ? ((*self).*then)() : self->drain(then);
+            });
+    }
+
+    void shut_down()
+    {
+        if constexpr (tls)
+            stream_.async_shutdown([self = this->shared_from_this()](beast::error_code) { self->finish(); });
+    }
+
+    void finish()
+    {
+        server_.ended(&state_);  // before the socket closes: stop() must not reach a number reused since
+        beast::error_code ec;
+        lowest().socket().close(ec);
+    }
+
+    // Runs one asynchronous operation on the connection's strand and waits for its end.
+    template <class Initiate> beast::error_code await(Initiate&& initiate)
+    {
+        beast::error_code result = net::error::would_block;
+        bool done = false;
+        net::dispatch(stream_.get_executor(), [&] {
+            initiate([&](beast::error_code ec, auto&&...) {
+                std::lock_guard<std::mutex> lock(wait_mutex_);
+                result = ec;
+                done = true;
+                waited_.notify_one();
+            });
+        });
+        std::unique_lock<std::mutex> lock(wait_mutex_);
+        waited_.wait(lock, [&] { return done; });
+        return result;
+    }
+
     std::string head(int status, const std::string& content_type, std::uint64_t length, const header_list& headers)
     {
         answered_ = true;
@@ -241,98 +345,103 @@ private:
 
     bool write(const char* data, std::size_t size)
     {
-        if (failed_)
+        if (failed_ || sent_)
             return false;
-        beast::get_lowest_layer(stream_).expires_after(server_.options.write_timeout);
-        failed_ = bool(run(context_, [&](auto h) { net::async_write(stream_, net::buffer(data, size), h); }));
+        failed_ = bool(await([&](auto h) {
+            lowest().expires_after(server_.options.write_timeout);
+            net::async_write(stream_, net::buffer(data, size), h);
+        }));
         return !failed_;
     }
 
     http_server::impl& server_;
-    net::io_context& context_;
-    Stream& stream_;
+    Stream stream_;
+    http_server::impl::live state_;
+    steady::time_point deadline_;
     beast::flat_buffer buffer_;
     http::request_parser<http::buffer_body> parser_;
     http_request request_;
+    std::string body_, ignored_, answer_;
+    bool prefetched_ = false, prefetch_complete_ = false;
     bool answered_ = false, aborted_ = false, failed_ = false;
+    bool sent_ = false;     // send() was called (on the handler's thread)
+    bool queued_ = false;   // its answer waits to be written (on the strand): the connection closes after it
+    bool handled_ = false;  // the handler has returned
     int status_ = 0;
+    std::mutex wait_mutex_;
+    std::condition_variable waited_;
 };
 
 }  // namespace
 
-void http_server::impl::serve(tcp::socket socket, net::io_context& context, live& state)
+void http_server::impl::accept_next()
 {
-    if (options.tls) {
-        beast::ssl_stream<beast::tcp_stream> stream(std::move(socket), *options.tls);
-        attach_socket(stream.native_handle(), state.fd);
-        session<beast::ssl_stream<beast::tcp_stream>> s(*this, context, stream);
-        s.serve();
-        leave(&state);  // before the socket closes: stop() must not reach a number reused since
-    } else {
-        beast::tcp_stream stream(std::move(socket));
-        session<beast::tcp_stream> s(*this, context, stream);
-        s.serve();
-        leave(&state);
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (stopping || accept_pending || active >= options.max_connections)
+            return;
+        accept_pending = true;
     }
+    acceptor.async_accept(net::make_strand(io), [this](beast::error_code ec, tcp::socket socket) {
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            accept_pending = false;
+            changed.notify_all();
+        }
+        if (!ec)
+            take(std::move(socket));
+        if (ec !=
+            net::error::operation_aborted)  // otherwise closed; e.g. too many open files: the next may fare better
+            accept_next();
+    });
 }
 
-void http_server::impl::accept_loop()
+void http_server::impl::take(tcp::socket socket)
 {
-    for (;;) {
+    beast::error_code ignored;
+    socket.set_option(tcp::no_delay(true), ignored);  // a streamed answer's pieces leave at once
+    const auto begin = [this](auto c) {
         {
-            std::unique_lock<std::mutex> lock(mutex);
-            changed.wait(lock, [&] { return stopping || active < options.max_connections; });
+            std::lock_guard<std::mutex> lock(mutex);
             if (stopping)
-                return;
+                return;                   // closed unserved
+            sessions.insert(c->state());  // known to stop() from here on
+            ++active;
         }
-        std::optional<tcp::socket> accepted;
-        accept_context.restart();
-        acceptor.async_accept([&](beast::error_code ec, tcp::socket s) {
-            if (!ec)
-                accepted.emplace(std::move(s));
-        });
-        accept_context.run();
-        std::lock_guard<std::mutex> lock(mutex);
-        if (!accepted) {
-            if (stopping)
-                return;
-            continue;  // e.g. too many open files: the next connection may fare better
-        }
-        beast::error_code ignored;
-        accepted->set_option(tcp::no_delay(true), ignored);  // a streamed answer's pieces leave at once
-        auto state = std::make_unique<live>();
-        state->fd = accepted->release(ignored);  // to a worker's own context
-        sessions.insert(state.get());            // known to stop() from here on
-        waiting.push_back(std::move(state));
-        ++active;
-        if (idle < waiting.size())  // a thread per connection at once, kept for the next ones
-            workers.emplace_back([this] { work(); });
-        changed.notify_all();
-    }
+        net::dispatch(c->get_executor(), [c] { c->start(); });
+    };
+    if (options.tls)
+        begin(
+            std::make_shared<connection<beast::ssl_stream<beast::tcp_stream>>>(*this, std::move(socket), *options.tls));
+    else
+        begin(std::make_shared<connection<beast::tcp_stream>>(*this, std::move(socket)));
+}
+
+void http_server::impl::run_handler(std::function<void()> job)
+{
+    std::lock_guard<std::mutex> lock(mutex);
+    jobs.push_back(std::move(job));
+    if (idle < jobs.size())  // a thread for each handler at once, kept for the next ones
+        workers.emplace_back([this] { work(); });
+    else
+        job_ready.notify_one();
 }
 
 void http_server::impl::work()
 {
-    net::io_context context(1);
     std::unique_lock<std::mutex> lock(mutex);
     for (;;) {
         ++idle;
-        changed.wait(lock, [&] { return !waiting.empty() || (stopping && active == 0); });
+        job_ready.wait(lock, [&] { return !jobs.empty() || workers_end; });
         --idle;
-        if (waiting.empty())
+        if (jobs.empty())
             return;
-        std::unique_ptr<live> state = std::move(waiting.front());
-        waiting.pop_front();
+        std::function<void()> job = std::move(jobs.front());
+        jobs.pop_front();
         lock.unlock();
-        tcp::socket socket(context);
-        beast::error_code ec;
-        if (socket.assign(protocol, state->fd, ec); ec)
-            ::close(state->fd);  // served as a closed socket: every operation fails at once
-        serve(std::move(socket), context, *state);
-        context.restart();
+        job();
+        job = nullptr;  // the connection it holds is let go outside the lock
         lock.lock();
-        --active;
-        changed.notify_all();
     }
 }
 
@@ -354,7 +463,6 @@ bool http_server::start(std::string& error)
         return false;
     }
     const tcp::endpoint endpoint(address, static_cast<unsigned short>(d.options.port));
-    d.protocol = endpoint.protocol();
     d.acceptor.open(endpoint.protocol(), ec);
     if (!ec)
         d.acceptor.set_option(net::socket_base::reuse_address(true), ec);
@@ -367,7 +475,10 @@ bool http_server::start(std::string& error)
         return false;
     }
     d.port = d.acceptor.local_endpoint().port();
-    d.accepting = std::thread([&d] { d.accept_loop(); });
+    net::post(d.acceptor.get_executor(), [&d] { d.accept_next(); });
+    // As many as there are cores: the handshakes are the work, and they need no waiting.
+    for (unsigned i = 0; i < std::max(1u, std::thread::hardware_concurrency()); ++i)
+        d.io_threads.emplace_back([&d] { d.io.run(); });
     return true;
 }
 
@@ -379,24 +490,24 @@ void http_server::stop(bool abort_all)
     {
         std::lock_guard<std::mutex> lock(d.mutex);
         d.stopping = true;
-        d.changed.notify_all();
     }
-    net::post(d.accept_context, [&d] {
+    net::post(d.acceptor.get_executor(), [&d] {
         beast::error_code ec;
         d.acceptor.close(ec);
     });
-    if (d.accepting.joinable())
-        d.accepting.join();
-    beast::error_code ec;
-    d.acceptor.close(ec);  // when the loop had ended before the close it was sent ran
     std::unique_lock<std::mutex> lock(d.mutex);
     // Otherwise every connection taken up is served to its end, which the request deadline bounds.
     if (abort_all)
         for (impl::live* l : d.sessions)
             ::shutdown(l->fd, SHUT_RDWR);
-    d.changed.wait(lock, [&] { return d.active == 0; });
-    d.changed.notify_all();  // the idle workers end
+    d.changed.wait(lock, [&] { return d.active == 0 && !d.accept_pending; });
+    d.workers_end = true;
+    d.job_ready.notify_all();
     lock.unlock();
+    d.keep_running.reset();
+    for (std::thread& t : d.io_threads)
+        if (t.joinable())
+            t.join();
     for (std::thread& t : d.workers)
         if (t.joinable())
             t.join();

@@ -1,7 +1,8 @@
 // The transport: HTTP/1.1 over TLS (or plain TCP) on Boost.Beast. One request per connection, a
 // deadline for the whole request (handshake, head and body), a bounded number of connections at
 // once, bodies streamed to the handler in pieces and bounded in size. It knows nothing of what a
-// request means: a handler decides.
+// request means: a handler decides. The network waits are asynchronous on one I/O thread per core;
+// handlers run on threads of their own, where they may block (on a commit, say).
 #pragma once
 
 #include <chrono>
@@ -36,6 +37,8 @@ bool same_header_name(const std::string& a, const std::string& b);
 
 // One request and its answer, as a handler sees it. A handler reads the body at most once, then
 // answers with send() or with send_head() and send_piece(); abort() resets the connection.
+// send() hands the whole answer over and returns at once; send_head() and send_piece() return
+// once their bytes are written (false when they could not be), so a long answer keeps pace.
 class exchange {
 public:
     enum class body_state { complete, too_large, incomplete };
@@ -44,7 +47,7 @@ public:
     // Hands the body to `consume` piece by piece as it arrives. too_large: over the limit (when
     // announced so, not a byte is read); incomplete: the client stopped early or missed the deadline.
     virtual body_state read_body(const std::function<void(const char*, std::size_t)>& consume) = 0;
-    virtual bool send(
+    virtual void send(
         int status, const std::string& content_type, const std::string& body, const header_list& headers = {}) = 0;
     virtual bool send_head(
         int status, const std::string& content_type, std::uint64_t length, const header_list& headers = {}) = 0;
@@ -86,7 +89,7 @@ public:
     http_server(const http_server&) = delete;
     http_server& operator=(const http_server&) = delete;
 
-    bool start(std::string& error);  // binds, listens and accepts on a thread of its own
+    bool start(std::string& error);  // binds, listens and serves on threads of its own
     int port() const;
     // Stops accepting. Every connection taken up is served to its end (within the request
     // deadline); with `abort_all` every connection is cut at once instead (a handler still runs
