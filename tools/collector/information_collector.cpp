@@ -155,6 +155,7 @@ int serve(const QCommandLineParser& parser, const std::string& data_dir, const s
     pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
     std::signal(SIGPIPE, SIG_IGN);
 
+    transport.early = [&answers](const std::shared_ptr<exchange>& ex) { return answers.answer_early(ex); };
     http_server server(transport, [&answers](exchange& ex) { answers.handle(ex); });
     if (!server.start(error))
         failure(error);

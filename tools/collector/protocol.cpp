@@ -145,26 +145,57 @@ public:
     {
         answer a;
         new_record record;
-        if (!allowed_) {
-            a.body = failure_body("unknown application id");
-        } else if (!make_record(app_id_, kind_, std::move(body_), record)) {
-            a.body = failure_body("record is not a JSON object");
-        } else {
-            try {
-                if (store_)
-                    store_->add(record);
-                a.body = R"({"status":"success","result":"stored"})";
-            } catch (const record_rejected& e) {  // its content, not the database: sending it again won't help
-                a.body = failure_body("record refused by the database: " + std::string(e.what()));
-            } catch (const store_error& e) {
-                a.status = 503;
-                a.body = failure_body("cannot store the record now: " + std::string(e.what()));
-            }
+        if (!acceptable(record, a))
+            return a;
+        std::exception_ptr error;
+        try {
+            store_->add(record);
+        } catch (const store_error&) {
+            error = std::current_exception();
         }
-        return a;
+        return stored(error);
+    }
+    void finish_async(exchange::body_state, std::function<void(const answer&)> done) override
+    {
+        answer a;
+        new_record record;
+        if (!acceptable(record, a))
+            return done(a);
+        store_->add_async(
+            std::move(record), [done = std::move(done)](std::exception_ptr error) { done(stored(error)); });
     }
 
 private:
+    // False with the answer when the record is refused, or is answered without a store.
+    bool acceptable(new_record& record, answer& a)
+    {
+        if (!allowed_)
+            a.body = failure_body("unknown application id");
+        else if (!make_record(app_id_, kind_, std::move(body_), record))
+            a.body = failure_body("record is not a JSON object");
+        else if (store_)
+            return true;
+        else
+            a.body = kStored;
+        return false;
+    }
+    static answer stored(const std::exception_ptr& error)
+    {
+        answer a;
+        try {
+            if (error)
+                std::rethrow_exception(error);
+            a.body = kStored;
+        } catch (const record_rejected& e) {  // its content, not the database: sending it again won't help
+            a.body = failure_body("record refused by the database: " + std::string(e.what()));
+        } catch (const store_error& e) {
+            a.status = 503;
+            a.body = failure_body("cannot store the record now: " + std::string(e.what()));
+        }
+        return a;
+    }
+    static constexpr const char* kStored = R"({"status":"success","result":"stored"})";
+
     record_store* store_;
     std::string app_id_, kind_, body_;
     bool allowed_;
@@ -391,6 +422,18 @@ void protocol::answer_directly(exchange& ex)
         }
     }
     ex.send(404, "text/html", "<html><body><h1>404 Not Found</h1></body></html>");
+}
+
+bool protocol::answer_early(const std::shared_ptr<exchange>& ex)
+{
+    const http_request& request = ex->request();
+    if (request.method != "POST" || !ends_with(request.path, "/dtta"))
+        return false;  // files are read and written on a handler's thread
+    std::unique_ptr<incoming> in = begin(request);
+    ex->read_body([&](const char* data, std::size_t size) { in->feed(data, size); });
+    in->finish_async(
+        exchange::body_state::complete, [ex](const answer& a) { ex->send(a.status, a.content_type, a.body); });
+    return true;
 }
 
 void protocol::handle(exchange& ex)

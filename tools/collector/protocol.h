@@ -66,6 +66,12 @@ public:
         virtual void feed(const char* data, std::size_t size) = 0;
         // The answer once the whole body arrived (`state` says whether it did).
         virtual answer finish(exchange::body_state state) = 0;
+        // The same answer, handed to `done` (on another thread, or at once) without waiting for
+        // the store. (This default waits in finish().)
+        virtual void finish_async(exchange::body_state state, std::function<void(const answer&)> done)
+        {
+            done(finish(state));
+        }
     };
     // Null for requests without a body to keep (GET, unknown paths): answer() those.
     std::unique_ptr<incoming> begin(const http_request& request);
@@ -73,6 +79,9 @@ public:
     void answer_directly(exchange& ex);
 
     void handle(exchange& ex);  // the whole request: begin, read, finish, send
+    // A record whose body is in already, answered without waiting: on the server's I/O thread
+    // (transport_options::early). False for every other request.
+    bool answer_early(const std::shared_ptr<exchange>& ex);
 
     const protocol_options& options() const { return options_; }
 

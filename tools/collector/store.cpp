@@ -79,19 +79,57 @@ void batched_store::stop_committer()
         committer_.join();
 }
 
+void record_store::add_async(new_record record, added done)
+{
+    std::exception_ptr error;
+    try {
+        add(record);
+    } catch (const store_error&) {
+        error = std::current_exception();
+    }
+    done(error);
+}
+
+void batched_store::enqueue(std::unique_ptr<waiter> w)
+{
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (stopping_) {
+        lock.unlock();
+        w->done(std::make_exception_ptr(store_error("the store is closing")));
+        return;
+    }
+    queue_.push_back(std::move(w));
+    queued_.notify_one();
+}
+
 void batched_store::submit(item what)
 {
-    waiter w{what, false, false, {}};
-    std::unique_lock<std::mutex> lock(mutex_);
-    if (stopping_)
-        throw store_error("the store is closing");
-    queue_.push_back(&w);
-    queued_.notify_one();
-    committed_.wait(lock, [&] { return w.done; });
-    if (w.rejected)
-        throw record_rejected(w.error);
-    if (!w.error.empty())
-        throw store_error(w.error);
+    std::mutex mutex;
+    std::condition_variable answered;
+    bool done = false;
+    std::exception_ptr error;
+    auto w = std::make_unique<waiter>();
+    w->what = what;
+    w->done = [&](std::exception_ptr e) {
+        std::lock_guard<std::mutex> lock(mutex);
+        error = e;
+        done = true;
+        answered.notify_one();
+    };
+    enqueue(std::move(w));
+    std::unique_lock<std::mutex> lock(mutex);
+    answered.wait(lock, [&] { return done; });
+    if (error)
+        std::rethrow_exception(error);
+}
+
+void batched_store::add_async(new_record record, added done)
+{
+    auto w = std::make_unique<waiter>();
+    w->own = std::make_unique<new_record>(std::move(record));
+    w->what = {w->own.get(), nullptr};
+    w->done = std::move(done);
+    enqueue(std::move(w));
 }
 
 void batched_store::commit_loop()
@@ -102,35 +140,33 @@ void batched_store::commit_loop()
         queued_.wait(lock, [&] { return stopping_ || !queue_.empty(); });
         if (queue_.empty())
             return;  // stopping, and every writer has been answered
-        std::vector<waiter*> batch;
-        while (!queue_.empty() && batch.size() < kMostPerCommit)
-            batch.push_back(queue_.front()), queue_.pop_front();
+        std::vector<std::unique_ptr<waiter>> batch;
+        while (!queue_.empty() && batch.size() < kMostPerCommit) {
+            batch.push_back(std::move(queue_.front()));
+            queue_.pop_front();
+        }
         lock.unlock();
-        const auto write_all = [this](const std::vector<waiter*>& ws) {
-            std::vector<item> items;
-            for (const waiter* w : ws)
-                items.push_back(w->what);
-            write(items);
-        };
+        std::vector<item> items;
+        for (const auto& w : batch)
+            items.push_back(w->what);
         try {
-            write_all(batch);
+            write(items);
         } catch (const record_rejected&) {
-            for (waiter* w : batch) {  // one by one: only the refused record fails
+            for (auto& w : batch) {  // one by one: only the refused record fails
                 try {
-                    write_all({w});
-                } catch (const store_error& e) {
-                    w->error = e.what();
-                    w->rejected = dynamic_cast<const record_rejected*>(&e) != nullptr;
+                    write({w->what});
+                } catch (const store_error&) {
+                    w->error = std::current_exception();
                 }
             }
-        } catch (const store_error& e) {
-            for (waiter* w : batch)
-                w->error = e.what();
+        } catch (const store_error&) {
+            for (auto& w : batch)
+                w->error = std::current_exception();
         }
+        for (auto& w : batch)
+            w->done(w->error);
+        batch.clear();  // the records handed over go before the lock is taken again
         lock.lock();
-        for (waiter* w : batch)
-            w->done = true;
-        committed_.notify_all();
     }
 }
 

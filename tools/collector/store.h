@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <exception>
 #include <functional>
 #include <memory>
 #include <stdexcept>
@@ -78,6 +79,11 @@ public:
     // Throws store_error when the store is unavailable.
     virtual void add(const new_record& record) = 0;
     virtual void add(const new_attachment& attachment) = 0;
+    // As add(), but returns at once: `done` is called, on a thread of the store's, with null once
+    // the record is durable, or with the store_error add() would have thrown. (This default waits
+    // in add() first.)
+    using added = std::function<void(std::exception_ptr)>;
+    virtual void add_async(new_record record, added done);
 
     // Calls `each` for the matching records in id order, from `offset`, at most `limit` of them
     // (0: all) while it returns true. Streams: a whole export is never held in memory.

@@ -19,12 +19,13 @@ public:
 };
 
 // Group commit: add() queues its record and waits; one thread writes everything queued in one
-// transaction, then wakes all of its writers. Throughput follows the number of writers instead
-// of falling to one fsync per record.
+// transaction, then answers all of its writers. Throughput follows the number of writers instead
+// of falling to one fsync per record. add_async() queues a record without waiting.
 class batched_store : public record_store {
 public:
     void add(const new_record& record) override { submit({&record, nullptr}); }
     void add(const new_attachment& attachment) override { submit({nullptr, &attachment}); }
+    void add_async(new_record record, added done) override;
 
 protected:
     struct item {
@@ -40,16 +41,17 @@ protected:
 private:
     struct waiter {
         item what;
-        bool done = false;
-        bool rejected = false;
-        std::string error;
+        added done;                       // called once, after the commit, outside the lock
+        std::unique_ptr<new_record> own;  // what an asynchronous writer handed over
+        std::exception_ptr error;
     };
     void submit(item what);
+    void enqueue(std::unique_ptr<waiter> w);
     void commit_loop();
 
     std::mutex mutex_;
-    std::condition_variable queued_, committed_;
-    std::deque<waiter*> queue_;
+    std::condition_variable queued_;
+    std::deque<std::unique_ptr<waiter>> queue_;
     bool stopping_ = false;
     std::thread committer_;
 };

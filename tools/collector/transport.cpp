@@ -245,7 +245,7 @@ private:
             request_.headers.emplace_back(std::string(field.name_string()), std::string(field.value()));
         const auto length = parser_.content_length();
         if (parser_.is_done() || !length || *length > std::min(kPrefetch, server_.options.body_limit))
-            return handle_elsewhere();
+            return hand_over();
         body_.resize(*length);
         parser_.get().body().data = body_.data();
         parser_.get().body().size = body_.size();
@@ -254,12 +254,18 @@ private:
                 self->body_.resize(self->body_.size() - self->parser_.get().body().size);
                 self->prefetched_ = true;
                 self->prefetch_complete_ = !ec && self->parser_.is_done();
-                self->handle_elsewhere();
+                self->hand_over();
             });
     }
 
-    void handle_elsewhere()
+    void hand_over()
     {
+        if (server_.options.early && parser_.is_done()) {
+            handled_ = true;  // the answer's write closes the connection
+            if (server_.options.early(this->shared_from_this()))
+                return;
+            handled_ = false;
+        }
         server_.run_handler([self = this->shared_from_this()] {
             self->server_.on_request(*self);
             if (!self->answered_ && !self->aborted_)
@@ -476,8 +482,10 @@ bool http_server::start(std::string& error)
     }
     d.port = d.acceptor.local_endpoint().port();
     net::post(d.acceptor.get_executor(), [&d] { d.accept_next(); });
-    // As many as there are cores: the handshakes are the work, and they need no waiting.
-    for (unsigned i = 0; i < std::max(1u, std::thread::hardware_concurrency()); ++i)
+    // Half the cores, at least one: the handshakes are their work, and they never wait; the other
+    // half is the handlers', the store's and the database's. More threads than that only hand
+    // work to each other (measured: 15% more CPU per record with two threads on two cores).
+    for (unsigned i = 0; i < std::max(1u, std::thread::hardware_concurrency() / 2); ++i)
         d.io_threads.emplace_back([&d] { d.io.run(); });
     return true;
 }

@@ -1,8 +1,8 @@
 // The transport: HTTP/1.1 over TLS (or plain TCP) on Boost.Beast. One request per connection, a
 // deadline for the whole request (handshake, head and body), a bounded number of connections at
 // once, bodies streamed to the handler in pieces and bounded in size. It knows nothing of what a
-// request means: a handler decides. The network waits are asynchronous on one I/O thread per core;
-// handlers run on threads of their own, where they may block (on a commit, say).
+// request means: a handler decides. The network waits are asynchronous on I/O threads (half the
+// cores); handlers run on threads of their own, where they may block (on a commit, say).
 #pragma once
 
 #include <chrono>
@@ -80,6 +80,10 @@ struct transport_options {
     std::chrono::milliseconds write_timeout{30000};  // for each write of the answer
     std::size_t max_connections = 1024;              // served at once; the rest wait in the listen queue
     std::uint64_t body_limit = 64ull << 20;
+    // Optional: offered each request whose body (if any) is read already, on the I/O thread,
+    // before the handler. It must not block: true when it took the request and will send() its
+    // answer, from any thread; false hands the request on to the handler.
+    std::function<bool(const std::shared_ptr<exchange>&)> early;
 };
 
 class http_server {
